@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Sets up, builds and runs the whole test suite twice: a normal build, then a
+# clang build with AddressSanitizer and UndefinedBehaviorSanitizer in which
+# any sanitizer report, from a test or from a process it started, fails.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+jobs=$(nproc)
+
+echo "== normal build"
+"$root/scripts/setup.sh" build -DLARKD_WERROR=ON
+(cd "$root/build" && ctest --output-on-failure -j"$jobs")
+
+echo "== sanitizer build (ASan + UBSan)"
+"$root/scripts/setup.sh" build-asan -DLARKD_WERROR=ON -DLARKD_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug \
+    -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_CXX_FLAGS=-O1
+reports="$root/build-asan/sanitizer-reports"
+rm -rf "$reports" && mkdir -p "$reports"
+export ASAN_OPTIONS="halt_on_error=1:detect_leaks=1:log_path=$reports/asan"
+export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1:log_path=$reports/ubsan"
+export LSAN_OPTIONS="suppressions=$root/tests/lsan.supp:print_suppressions=0"
+status=0
+(cd "$root/build-asan" && ctest --output-on-failure -j"$jobs") || status=$?
+if compgen -G "$reports/*" >/dev/null; then
+    echo "sanitizer reports:"
+    cat "$reports"/*
+    status=1
+fi
+exit "$status"

@@ -1,0 +1,54 @@
+#include "DaemonProcess.h"
+
+#include <QDir>
+#include <QFile>
+#include <QtGlobal>
+
+#include <signal.h>
+
+QString LarkdBinary()
+{
+    return qEnvironmentVariable("LARKD_BINARY");
+}
+
+QString TestScript(const QString& name)
+{
+    return QDir(qEnvironmentVariable("LARKD_TEST_SCRIPTS")).filePath(name);
+}
+
+tFinishedProcess RunToEnd(const QString& program, const QStringList& arguments, int timeoutMs)
+{
+    QProcess process;
+    process.start(program, arguments);
+    tFinishedProcess result;
+    if (!process.waitForFinished(timeoutMs)) {
+        process.kill();
+        process.waitForFinished();
+        return result;
+    }
+    result.exitCode = process.exitCode();
+    result.exitStatus = process.exitStatus();
+    result.out = process.readAllStandardOutput();
+    result.err = process.readAllStandardError();
+    return result;
+}
+
+void SendSignal(const QProcess& process, int sig)
+{
+    ::kill(static_cast<pid_t>(process.processId()), sig);
+}
+
+bool CatchesSignal(const QProcess& process, int sig)
+{
+    QFile status(QStringLiteral("/proc/%1/status").arg(process.processId()));
+    if (!status.open(QIODevice::ReadOnly))
+        return false;
+    for (const QByteArray& line : status.readAll().split('\n')) {
+        if (line.startsWith("SigCgt:")) {
+            bool ok = false;
+            const qulonglong mask = line.mid(7).trimmed().toULongLong(&ok, 16);
+            return ok && (mask & (1ULL << (sig - 1)));
+        }
+    }
+    return false;
+}

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <QByteArray>
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+
+// The larkd binary under test (LARKD_BINARY, set by CTest).
+QString LarkdBinary();
+
+// A script from tests/scripts (LARKD_TEST_SCRIPTS, set by CTest).
+QString TestScript(const QString& name);
+
+// Runs a program to completion with a time limit and keeps its output apart.
+struct tFinishedProcess
+{
+    int exitCode = -1;
+    QProcess::ExitStatus exitStatus = QProcess::CrashExit;
+    QByteArray out;
+    QByteArray err;
+};
+tFinishedProcess RunToEnd(const QString& program, const QStringList& arguments, int timeoutMs = 20000);
+
+// Sends a Unix signal to a running process.
+void SendSignal(const QProcess& process, int sig);
+
+// True once the process has a handler installed for sig (SigCgt in
+// /proc/PID/status): the moment a signal stops being fatal to it.
+bool CatchesSignal(const QProcess& process, int sig);

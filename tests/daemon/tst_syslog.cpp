@@ -1,0 +1,152 @@
+// Syslog output read from a real /dev/log datagram socket, bound inside a
+// private mount namespace (needs root for unshare).
+#include "DaemonProcess.h"
+#include "daemon/Logging.h"
+
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <signal.h>
+
+namespace
+{
+const char* const kEmitterVariable = "LARKD_TEST_SYSLOG_EMITTER";
+
+// A datagram socket standing in for the system logger.
+class tLogSink
+{
+public:
+    explicit tLogSink(const QString& path)
+    {
+        m_Fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        qstrncpy(address.sun_path, QFile::encodeName(path).constData(), sizeof(address.sun_path));
+        m_Bound = bind(m_Fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    }
+    ~tLogSink() { close(m_Fd); }
+    bool IsBound() const { return m_Bound; }
+    // Every datagram received so far.
+    QList<QByteArray> Drain()
+    {
+        QList<QByteArray> lines;
+        char buffer[4096];
+        ssize_t got;
+        while ((got = recv(m_Fd, buffer, sizeof(buffer), 0)) > 0)
+            lines << QByteArray(buffer, int(got));
+        return lines;
+    }
+
+private:
+    int m_Fd = -1;
+    bool m_Bound = false;
+};
+
+QByteArray Find(const QList<QByteArray>& lines, const QByteArray& text)
+{
+    for (const QByteArray& line : lines)
+        if (line.endsWith(": " + text))
+            return line;
+    return {};
+}
+} // namespace
+
+class tSyslogTest : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase();
+    void priorityAndBareText();
+    void daemonLogsToSyslogUnlessDisabled();
+
+private:
+    QTemporaryDir m_Dir;
+};
+
+void tSyslogTest::initTestCase()
+{
+    if (geteuid() != 0)
+        QSKIP("needs root to bind /dev/log in a private mount namespace");
+    QVERIFY(m_Dir.isValid());
+}
+
+void tSyslogTest::priorityAndBareText()
+{
+    tLogSink sink(m_Dir.filePath("log1"));
+    QVERIFY(sink.IsBound());
+    QProcess emitter;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(kEmitterVariable, "1");
+    emitter.setProcessEnvironment(env);
+    emitter.start(TestScript("with-devlog.sh"), {m_Dir.filePath("log1"), QCoreApplication::applicationFilePath()});
+    QVERIFY(emitter.waitForFinished(20000));
+    QCOMPARE(emitter.exitCode(), 0);
+
+    const QList<QByteArray> lines = sink.Drain();
+    QVERIFY(Find(lines, "info line").startsWith("<14>"));
+    QVERIFY(Find(lines, "warning line").startsWith("<12>"));
+    QVERIFY(Find(lines, "critical line").startsWith("<10>"));
+    // The text is syslog's format string: "%%" comes out as one '%'.
+    QVERIFY2(!Find(lines, "50% done").isEmpty(), qPrintable(lines.join('|')));
+    // Only the text: no category or source location.
+    QVERIFY(!lines.join().contains("lk.daemon"));
+    // Debug is below the categories' threshold.
+    QVERIFY(!lines.join().contains("debug line"));
+    QCOMPARE(lines.size(), 4);
+}
+
+void tSyslogTest::daemonLogsToSyslogUnlessDisabled()
+{
+    for (const bool disabled : {false, true}) {
+        const QString socketPath = m_Dir.filePath(disabled ? "log3" : "log2");
+        tLogSink sink(socketPath);
+        QVERIFY(sink.IsBound());
+        QProcess larkd;
+        QStringList args = {socketPath, LarkdBinary()};
+        if (disabled)
+            args << "--disable-syslog";
+        larkd.start(TestScript("with-devlog.sh"), args);
+        QVERIFY(larkd.waitForStarted());
+        QTRY_VERIFY_WITH_TIMEOUT(CatchesSignal(larkd, SIGHUP), 10000);
+        SendSignal(larkd, SIGHUP);
+        const QByteArray line = "tLarkDaemon::SignalHandler(): Ignoring SIGHUP";
+        QByteArray err;
+        if (disabled)
+            QTRY_VERIFY_WITH_TIMEOUT((err += larkd.readAllStandardError()).contains(line), 10000);
+        else
+        {
+            QList<QByteArray> got;
+            QTRY_VERIFY_WITH_TIMEOUT((got += sink.Drain(), Find(got, line).startsWith("<14>")), 10000);
+        }
+        SendSignal(larkd, SIGTERM);
+        QVERIFY(larkd.waitForFinished(10000));
+        QCOMPARE(larkd.exitCode(), 0);
+        if (disabled)
+            QVERIFY(sink.Drain().isEmpty());
+        else
+            QVERIFY(!larkd.readAllStandardError().contains("SIGTERM"));
+    }
+}
+
+int main(int argc, char* argv[])
+{
+    if (qEnvironmentVariableIsSet(kEmitterVariable)) {
+        QCoreApplication app(argc, argv);
+        qInstallMessageHandler(SyslogMessageOutput);
+        qCDebug(lcDaemon, "debug line");
+        qCInfo(lcDaemon, "info line");
+        qCWarning(lcUDisks2, "warning line");
+        qCCritical(lcNfs, "critical line");
+        qCInfo(lcDaemon, "%s", "50%% done");
+        return 0;
+    }
+    QCoreApplication app(argc, argv);
+    tSyslogTest test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_syslog.moc"
