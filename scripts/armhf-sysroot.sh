@@ -21,7 +21,7 @@ sysroot_sources=("deb $archive $suite main" "deb $archive $suite-updates main")
 emulator_sources=("deb $archive $suite main" "deb $archive $suite-backports main")
 emulator_package=qemu-user-static/$suite-backports
 # Bump when the way a directory is made changes, so old ones are not reused.
-layout=3
+layout=4
 
 mapfile -t packages < <(grep -Ev '^\s*(#|$)' "$root/scripts/armhf-sysroot-packages.txt")
 key=$(printf '%s\n' "$layout" "${sysroot_sources[@]}" "${packages[@]}" "${emulator_sources[@]}" "$emulator_package" |
@@ -58,8 +58,10 @@ if [ ! -e "$dir/.complete" ]; then
     done < <(find "$work/sysroot" -type l -print0)
     # Under the emulator every absolute path that exists in the sysroot hides
     # the host's: keep only what linking and loading need, so that /etc, /run,
-    # /var and /dev stay the machine's own for the emulated tests.
+    # /dev and the programs on PATH stay the machine's own for emulated tests.
     find "$work/sysroot" -mindepth 1 -maxdepth 1 ! -name usr ! -name 'lib*' -exec rm -rf {} +
+    rm -rf "$work/sysroot/usr/bin" "$work/sysroot/usr/sbin" "$work/sysroot/usr/games"
+    find "$work/sysroot/usr/share" -mindepth 1 -maxdepth 1 ! -name pkgconfig ! -name qt5 -exec rm -rf {} +
 
     extract amd64 "$emulator_package" "$work/host" "${emulator_sources[@]}"
     # The package carries every target; only 32-bit ARM is wanted.
