@@ -19,10 +19,11 @@ arm_mask='\xff\xff\xff\xff\xff\xff\xff\x00\xff\xff\xff\xff\xff\xff\xff\xff\xfe\x
 binfmt=/proc/sys/fs/binfmt_misc
 mount -t binfmt_misc larkd-binfmt "$binfmt"
 exec 7>/run/lock/larkd-armhf-binfmt.lock
-flock -x 7
-# The newest entry is tried first, so ours wins over an older emulator's.
-[ -e "$binfmt/$entry" ] || echo ":$entry:M::$arm_magic:$arm_mask:$emulator:F" >"$binfmt/register"
 flock -s 7
+# The newest entry is tried first, so ours wins over an older emulator's. A
+# concurrent run may register it at the same moment: then it simply exists.
+[ -e "$binfmt/$entry" ] || echo ":$entry:M::$arm_magic:$arm_mask:$emulator:F" 2>/dev/null >"$binfmt/register" ||
+    [ -e "$binfmt/$entry" ]
 remove_entry() {
     if flock -n -x 7 && [ -e "$binfmt/$entry" ]; then
         echo -1 >"$binfmt/$entry"

@@ -45,6 +45,7 @@ if [ ! -e "$dir/.complete" ]; then
     start=$SECONDS
     work=$dir.partial
     rm -rf "$work" "$dir"
+    trap 'rm -rf "$work"' EXIT
     mkdir -p "$work"
 
     extract armhf "${packages[*]}" "$work/sysroot" "${sysroot_sources[@]}"
@@ -72,6 +73,7 @@ if [ ! -e "$dir/.complete" ]; then
 
     touch "$work/.complete"
     mv "$work" "$dir"
+    trap - EXIT
     echo "armhf-sysroot: made in $((SECONDS - start)) s ($(du -sh "$dir" | cut -f1))" >&2
 fi
 # Directories of older package lists are left for a manual clean-up; one is
