@@ -2,6 +2,7 @@
 # Installs the Debian packages larkd needs (only those missing), then
 # configures and builds it.
 #   scripts/setup.sh [BUILD_DIR [CMAKE_ARGS...]]     default BUILD_DIR: build
+#   scripts/setup.sh --packages-only                 installs, nothing else
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 
@@ -18,6 +19,8 @@ if ((${#missing[@]})); then
     DEBIAN_FRONTEND=noninteractive "${sudo[@]}" apt-get install -y -qq --no-install-recommends \
         -o Dpkg::Options::=--force-confdef -o Dpkg::Options::=--force-confold "${missing[@]}" >/dev/null
 fi
+
+[ "${1:-}" != --packages-only ] || exit 0
 
 build=${1:-build}
 shift || true

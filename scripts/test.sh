@@ -2,6 +2,7 @@
 # Sets up, builds and runs the whole test suite twice: a normal build, then a
 # clang build with AddressSanitizer and UndefinedBehaviorSanitizer in which
 # any sanitizer report, from a test or from a process it started, fails.
+# Last, the armhf cross build runs its tests under emulation.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 jobs=$(nproc)
@@ -25,4 +26,7 @@ if compgen -G "$reports/*" >/dev/null; then
     cat "$reports"/*
     status=1
 fi
+
+echo "== armhf cross build, tests under emulation"
+env -u ASAN_OPTIONS -u UBSAN_OPTIONS -u LSAN_OPTIONS "$root/scripts/cross-armhf.sh" || status=1
 exit "$status"

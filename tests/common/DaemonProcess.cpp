@@ -35,7 +35,11 @@ tFinishedProcess RunToEnd(const QString& program, const QStringList& arguments, 
 
 void SendSignal(const QProcess& process, int sig)
 {
-    ::kill(static_cast<pid_t>(process.processId()), sig);
+    // A process that has ended (or never started) has id 0, and kill() with
+    // 0 or -1 would signal the test's whole process group or every process.
+    const pid_t pid = static_cast<pid_t>(process.processId());
+    if (pid > 0)
+        ::kill(pid, sig);
 }
 
 bool CatchesSignal(const QProcess& process, int sig)
