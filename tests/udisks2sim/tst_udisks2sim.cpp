@@ -382,6 +382,8 @@ private slots:
         QVERIFY(!m_Unit->Insert(QStringLiteral("left"), QStringLiteral("photos"), &error));
         QVERIFY2(error.contains(QStringLiteral("already holds")), qPrintable(error));
         QVERIFY(!m_Unit->Insert(QStringLiteral("right"), QStringLiteral("no-such-medium"), &error));
+        QVERIFY(!m_Unit->Insert(QStringLiteral("right"), QStringLiteral("charts"), &error));
+        QVERIFY2(error.contains(QStringLiteral("is in slot \"left\"")), qPrintable(error));
         QVERIFY(!m_Unit->Remove(QStringLiteral("reader"), &error));
         QVERIFY(!m_Unit->Remove(QStringLiteral("no-such-slot"), &error));
         QCOMPARE(log.lines.size(), 1);

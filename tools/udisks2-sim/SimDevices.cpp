@@ -121,6 +121,12 @@ bool tSimDevices::Insert(const QString& slotName, const QString& mediumName, QSt
         *error = QStringLiteral("slot \"%1\" already holds \"%2\"").arg(slotName, m_Inserted.value(slotName));
         return false;
     }
+    // One medium is one piece of hardware: its drive object exists once.
+    const QString elsewhere = m_Inserted.key(mediumName);
+    if (!elsewhere.isEmpty()) {
+        *error = QStringLiteral("medium \"%1\" is in slot \"%2\"").arg(mediumName, elsewhere);
+        return false;
+    }
     m_Inserted.insert(slotName, mediumName);
     m_Calls << QStringLiteral("Insert %1 %2").arg(slotName, mediumName);
     const QString disk = BlockPath(slot->device);
