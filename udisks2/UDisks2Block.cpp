@@ -139,14 +139,18 @@ void tUDisks2Block::AddFilesystem()
             info = new tMmcFileSystemInfo(this);
         else if (bus == UDisks2Names::UsbBus)
             info = new tUsbFileSystemInfo(this);
-        if (info) {
-            auto* fileSystem = new tUDisks2FileSystem(m_Name, info);
-            delete m_FileSystem;
-            m_FileSystem = fileSystem;
-        }
+        if (info)
+            SetFileSystem(new tUDisks2FileSystem(m_Name, info));
     }
     if (m_FileSystem && m_FileSystem->IsValid())
         emit FileSystemAdded(m_Name);
+}
+
+void tUDisks2Block::SetFileSystem(tUDisks2FileSystem* fileSystem)
+{
+    if (fileSystem != m_FileSystem)
+        delete m_FileSystem;
+    m_FileSystem = fileSystem;
 }
 
 void tUDisks2Block::RemoveFilesystem()

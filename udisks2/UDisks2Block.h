@@ -33,6 +33,8 @@ public:
     // volume it is, and announces a valid filesystem.
     void AddFilesystem();
     void RemoveFilesystem();
+    // Takes ownership of fileSystem, deleting a different previous one.
+    void SetFileSystem(tUDisks2FileSystem* fileSystem);
 
 signals:
     void Changed(const QString& node);
