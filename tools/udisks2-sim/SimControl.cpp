@@ -1,0 +1,52 @@
+#include "SimControl.h"
+
+#include "SimDevices.h"
+#include "SimNames.h"
+
+tSimControl::tSimControl(tSimDevices* devices, QObject* parent)
+    : QObject(parent)
+    , m_Devices(devices)
+{
+}
+
+void tSimControl::Insert(const QString& slot, const QString& medium)
+{
+    QString error;
+    if (!m_Devices->Insert(slot, medium, &error))
+        Fail(error);
+}
+
+void tSimControl::Remove(const QString& slot)
+{
+    QString error;
+    if (!m_Devices->Remove(slot, &error))
+        Fail(error);
+}
+
+void tSimControl::Unmount(const QString& node)
+{
+    QString error;
+    if (!m_Devices->UnmountBehind(node, &error))
+        Fail(error);
+}
+
+void tSimControl::FailNextMount(const QString& message)
+{
+    m_Devices->FailNextMount(message);
+}
+
+QStringList tSimControl::Calls() const
+{
+    return m_Devices->Calls();
+}
+
+QStringList tSimControl::Inserted() const
+{
+    return m_Devices->Inserted();
+}
+
+void tSimControl::Fail(const QString& message)
+{
+    if (calledFromDBus())
+        sendErrorReply(SimNames::ControlError, message);
+}

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <QDBusContext>
+#include <QObject>
+#include <QStringList>
+
+class tSimDevices;
+
+// The simulator's own control interface (org.larkd.UDisks2Sim): what a person
+// or a test does to the unit's hardware, and the record of what clients did.
+class tSimControl : public QObject, protected QDBusContext
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.larkd.UDisks2Sim")
+public:
+    explicit tSimControl(tSimDevices* devices, QObject* parent = nullptr);
+
+public slots:
+    void Insert(const QString& slot, const QString& medium);
+    void Remove(const QString& slot);
+    void Unmount(const QString& node);
+    void FailNextMount(const QString& message);
+    QStringList Calls() const;
+    QStringList Inserted() const;
+
+private:
+    void Fail(const QString& message);
+
+    tSimDevices* m_Devices;
+};

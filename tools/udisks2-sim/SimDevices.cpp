@@ -1,0 +1,485 @@
+#include "SimDevices.h"
+
+#include "SimNames.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFileInfo>
+#include <QRegularExpression>
+
+namespace
+{
+const QString Version = QStringLiteral("2.9.4");
+
+QString BlockPath(const QString& node)
+{
+    return SimNames::BlockDevicesPath + QLatin1Char('/') + node;
+}
+
+QString Node(const QString& path)
+{
+    return path.section(QLatin1Char('/'), -1);
+}
+
+// Object path elements allow only [A-Za-z0-9_].
+QString PathElement(const QStringList& parts)
+{
+    QStringList present = parts;
+    present.removeAll(QString());
+    QString element = present.join(QLatin1Char('_'));
+    static const QRegularExpression invalid(QStringLiteral("[^A-Za-z0-9_]"));
+    return element.replace(invalid, QStringLiteral("_"));
+}
+
+QString IdStem(const QString& vendor, const QString& model, const QString& serial)
+{
+    QStringList present{vendor, model, serial};
+    present.removeAll(QString());
+    QString stem = present.join(QLatin1Char('_'));
+    return stem.replace(QLatin1Char(' '), QLatin1Char('_'));
+}
+
+quint64 Microseconds()
+{
+    return quint64(QDateTime::currentMSecsSinceEpoch()) * 1000;
+}
+
+QString FormatOptions(const QVariantMap& options)
+{
+    QStringList fields;
+    for (auto it = options.constBegin(); it != options.constEnd(); ++it)
+        fields << it.key() + QLatin1Char('=') + it.value().toString();
+    return fields.join(QLatin1Char(' '));
+}
+} // namespace
+
+tSimDevices::tSimDevices(const tUnitDescription& unit, const QString& mountBase, QObject* parent)
+    : QObject(parent)
+    , m_Unit(unit)
+    , m_MountBase(mountBase)
+{
+}
+
+bool tSimDevices::Start(QString* error)
+{
+    AddInterfaces(SimNames::ManagerPath,
+                  {{SimNames::ManagerInterface,
+                    {{QStringLiteral("Version"), Version},
+                     {QStringLiteral("SupportedFilesystems"),
+                      QStringList{QStringLiteral("ext2"), QStringLiteral("ext3"), QStringLiteral("ext4"),
+                                  QStringLiteral("vfat"), QStringLiteral("exfat"), QStringLiteral("ntfs"),
+                                  QStringLiteral("swap")}},
+                     {QStringLiteral("SupportedEncryptionTypes"), QStringList{QStringLiteral("luks1"), QStringLiteral("luks2")}},
+                     {QStringLiteral("DefaultEncryptionType"), QStringLiteral("luks1")}}}});
+    for (const tUnitSlot& slot : m_Unit.Slots()) {
+        if (!slot.hasReader)
+            continue;
+        const QString drive = DrivePath(slot, nullptr);
+        m_Drives.insert(slot.name, drive);
+        AddInterfaces(drive, {{SimNames::DriveInterface, DriveProperties(slot, nullptr)}});
+        AddInterfaces(BlockPath(slot.device), {{SimNames::BlockInterface, DiskProperties(slot, nullptr)}});
+    }
+    for (const tUnitPresence& presence : m_Unit.Present())
+        if (!Insert(presence.slot, presence.medium, error))
+            return false;
+    m_Starting = false;
+    return true;
+}
+
+const tInterfaceMap* tSimDevices::Object(const QString& path) const
+{
+    const auto it = m_Objects.constFind(path);
+    return it == m_Objects.constEnd() ? nullptr : &*it;
+}
+
+tManagedObjects tSimDevices::ManagedObjects() const
+{
+    tManagedObjects objects;
+    for (auto it = m_Objects.constBegin(); it != m_Objects.constEnd(); ++it)
+        objects.insert(QDBusObjectPath(it.key()), it.value());
+    return objects;
+}
+
+QStringList tSimDevices::Inserted() const
+{
+    QStringList lines;
+    for (auto it = m_Inserted.constBegin(); it != m_Inserted.constEnd(); ++it)
+        lines << it.key() + QLatin1Char(' ') + it.value();
+    return lines;
+}
+
+bool tSimDevices::Insert(const QString& slotName, const QString& mediumName, QString* error)
+{
+    const tUnitSlot* slot = m_Unit.Slot(slotName);
+    const tUnitMedium* medium = m_Unit.Medium(mediumName);
+    if (!slot || !medium) {
+        *error = QStringLiteral("no slot \"%1\" or no medium \"%2\"").arg(slotName, mediumName);
+        return false;
+    }
+    if (m_Inserted.contains(slotName)) {
+        *error = QStringLiteral("slot \"%1\" already holds \"%2\"").arg(slotName, m_Inserted.value(slotName));
+        return false;
+    }
+    m_Inserted.insert(slotName, mediumName);
+    m_Calls << QStringLiteral("Insert %1 %2").arg(slotName, mediumName);
+    const QString disk = BlockPath(slot->device);
+    if (slot->hasReader) {
+        // The reader's drive and block exist already: the card shows as changed
+        // media first, and only then do its partitions appear.
+        const QVariantMap drive = DriveProperties(*slot, medium);
+        SetProperties(m_Drives.value(slotName), SimNames::DriveInterface,
+                      {{QStringLiteral("MediaAvailable"), true},
+                       {QStringLiteral("Media"), drive.value(QStringLiteral("Media"))},
+                       {QStringLiteral("Size"), drive.value(QStringLiteral("Size"))},
+                       {QStringLiteral("TimeMediaDetected"), drive.value(QStringLiteral("TimeMediaDetected"))}});
+        SetProperties(disk, SimNames::BlockInterface,
+                      {{QStringLiteral("Size"), medium->size}, {QStringLiteral("ReadOnly"), medium->readOnly}});
+        if (!medium->partitions.isEmpty())
+            AddInterfaces(disk, {{SimNames::PartitionTableInterface, PartitionTableProperties(*slot, *medium)}});
+    } else {
+        const QString drive = DrivePath(*slot, medium);
+        m_Drives.insert(slotName, drive);
+        AddInterfaces(drive, {{SimNames::DriveInterface, DriveProperties(*slot, medium)}});
+        tInterfaceMap interfaces{{SimNames::BlockInterface, DiskProperties(*slot, medium)}};
+        if (!medium->partitions.isEmpty())
+            interfaces.insert(SimNames::PartitionTableInterface, PartitionTableProperties(*slot, *medium));
+        AddInterfaces(disk, interfaces);
+    }
+    for (int i = 0; i < medium->partitions.size(); ++i)
+        AddInterfaces(BlockPath(slot->PartitionDevice(i + 1)), PartitionInterfaces(*slot, *medium, i));
+    return true;
+}
+
+bool tSimDevices::Remove(const QString& slotName, QString* error)
+{
+    const tUnitSlot* slot = m_Unit.Slot(slotName);
+    if (!slot || !m_Inserted.contains(slotName)) {
+        *error = QStringLiteral("slot \"%1\" is unknown or empty").arg(slotName);
+        return false;
+    }
+    const tUnitMedium* medium = m_Unit.Medium(m_Inserted.take(slotName));
+    m_Calls << QStringLiteral("Remove %1").arg(slotName);
+    const QString disk = BlockPath(slot->device);
+    QStringList partitions;
+    for (int i = 0; i < medium->partitions.size(); ++i)
+        partitions << BlockPath(slot->PartitionDevice(i + 1));
+    if (slot->hasReader) {
+        // A pulled card first shows as zero-sized blocks and absent media; the
+        // partitions go afterwards, while a mount may still hold them.
+        for (const QString& partition : partitions)
+            SetProperties(partition, SimNames::BlockInterface, {{QStringLiteral("Size"), quint64(0)}});
+        SetProperties(disk, SimNames::BlockInterface, {{QStringLiteral("Size"), quint64(0)}});
+        SetProperties(m_Drives.value(slotName), SimNames::DriveInterface,
+                      {{QStringLiteral("MediaAvailable"), false},
+                       {QStringLiteral("Media"), QString()},
+                       {QStringLiteral("Size"), quint64(0)}});
+        for (const QString& partition : partitions) {
+            ForgetMounts(partition);
+            RemoveObject(partition);
+        }
+        if (!partitions.isEmpty())
+            RemoveInterfaces(disk, {SimNames::PartitionTableInterface});
+    } else {
+        for (const QString& partition : partitions) {
+            ForgetMounts(partition);
+            RemoveObject(partition);
+        }
+        RemoveObject(disk);
+        RemoveObject(m_Drives.take(slotName));
+    }
+    return true;
+}
+
+bool tSimDevices::UnmountBehind(const QString& node, QString* error)
+{
+    const QString path = BlockPath(node);
+    if (MountPoints(path).isEmpty()) {
+        *error = QStringLiteral("%1 is not mounted").arg(node);
+        return false;
+    }
+    ForgetMounts(path);
+    SetProperties(path, SimNames::FilesystemInterface, {{QStringLiteral("MountPoints"), QVariant::fromValue(QByteArrayList())}});
+    m_Calls << QStringLiteral("Unmount-behind %1").arg(node);
+    return true;
+}
+
+void tSimDevices::FailNextMount(const QString& message)
+{
+    m_FailNextMount = true;
+    m_FailMessage = message.isEmpty() ? QStringLiteral("Error mounting: simulated failure") : message;
+}
+
+bool tSimDevices::Mount(const QString& path, const QVariantMap& options, QString* mountPath, tError* error)
+{
+    const QString node = Node(path);
+    const QVariantMap block = m_Objects.value(path).value(SimNames::BlockInterface);
+    const QString device = QString::fromUtf8(block.value(QStringLiteral("Device")).toByteArray().constData());
+    const QStringList mounted = MountPoints(path);
+    if (m_FailNextMount) {
+        m_FailNextMount = false;
+        *error = {SimNames::ErrorFailed, m_FailMessage};
+        m_Calls << QStringLiteral("Mount-failed %1 %2").arg(node, FormatOptions(options)).trimmed();
+        return false;
+    }
+    if (!mounted.isEmpty()) {
+        *error = {SimNames::ErrorAlreadyMounted,
+                  QStringLiteral("Device %1 is already mounted at `%2'.").arg(device, mounted.first())};
+        m_Calls << QStringLiteral("Mount-refused %1 %2").arg(node, FormatOptions(options)).trimmed();
+        return false;
+    }
+    const QString directory = MountDirectory(block);
+    if (!QDir().mkpath(directory)) {
+        *error = {SimNames::ErrorFailed, QStringLiteral("Error creating mount point `%1'").arg(directory)};
+        return false;
+    }
+    m_Calls << QStringLiteral("Mount %1 %2 %3").arg(node, directory, FormatOptions(options)).trimmed();
+    SetProperties(path, SimNames::FilesystemInterface,
+                  {{QStringLiteral("MountPoints"), QVariant::fromValue(QByteArrayList{NulTerminated(directory)})}});
+    *mountPath = directory;
+    return true;
+}
+
+bool tSimDevices::Unmount(const QString& path, const QVariantMap& options, tError* error)
+{
+    const QString node = Node(path);
+    if (MountPoints(path).isEmpty()) {
+        const QByteArray device = m_Objects.value(path).value(SimNames::BlockInterface).value(QStringLiteral("Device")).toByteArray();
+        *error = {SimNames::ErrorNotMounted, QStringLiteral("Device `%1' is not mounted").arg(QString::fromUtf8(device.constData()))};
+        m_Calls << QStringLiteral("Unmount-refused %1").arg(node);
+        return false;
+    }
+    ForgetMounts(path);
+    m_Calls << QStringLiteral("Unmount %1 %2").arg(node, FormatOptions(options)).trimmed();
+    SetProperties(path, SimNames::FilesystemInterface, {{QStringLiteral("MountPoints"), QVariant::fromValue(QByteArrayList())}});
+    return true;
+}
+
+void tSimDevices::AddInterfaces(const QString& path, const tInterfaceMap& interfaces)
+{
+    tInterfaceMap& object = m_Objects[path];
+    for (auto it = interfaces.constBegin(); it != interfaces.constEnd(); ++it)
+        object.insert(it.key(), it.value());
+    Q_EMIT InterfacesAdded(path, interfaces);
+}
+
+void tSimDevices::RemoveObject(const QString& path)
+{
+    RemoveInterfaces(path, m_Objects.value(path).keys());
+}
+
+void tSimDevices::RemoveInterfaces(const QString& path, const QStringList& interfaces)
+{
+    tInterfaceMap& object = m_Objects[path];
+    for (const QString& interface : interfaces)
+        object.remove(interface);
+    if (object.isEmpty())
+        m_Objects.remove(path);
+    Q_EMIT InterfacesRemoved(path, interfaces);
+}
+
+void tSimDevices::SetProperties(const QString& path, const QString& interface, const QVariantMap& changed)
+{
+    QVariantMap& properties = m_Objects[path][interface];
+    for (auto it = changed.constBegin(); it != changed.constEnd(); ++it)
+        properties.insert(it.key(), it.value());
+    Q_EMIT PropertiesChanged(path, interface, changed);
+}
+
+QStringList tSimDevices::MountPoints(const QString& path) const
+{
+    QStringList points;
+    const QVariant value = m_Objects.value(path).value(SimNames::FilesystemInterface).value(QStringLiteral("MountPoints"));
+    for (const QByteArray& point : value.value<QByteArrayList>())
+        points << QString::fromUtf8(point.constData());
+    return points;
+}
+
+void tSimDevices::ForgetMounts(const QString& path)
+{
+    for (const QString& point : MountPoints(path))
+        QDir().rmdir(point);
+}
+
+QString tSimDevices::MountDirectory(const QVariantMap& block) const
+{
+    QString name = block.value(QStringLiteral("IdLabel")).toString();
+    if (name.isEmpty())
+        name = block.value(QStringLiteral("IdUUID")).toString();
+    if (name.isEmpty())
+        name = QStringLiteral("disk");
+    name.replace(QLatin1Char('/'), QLatin1Char('_'));
+    // A name already taken gets a number appended, as the real service does.
+    QString directory = m_MountBase + QLatin1Char('/') + name;
+    for (int n = 1; QFileInfo::exists(directory); ++n)
+        directory = m_MountBase + QLatin1Char('/') + name + QString::number(n);
+    return directory;
+}
+
+QString tSimDevices::DrivePath(const tUnitSlot& slot, const tUnitMedium* medium) const
+{
+    QString element = slot.hasReader ? PathElement({slot.reader.vendor, slot.reader.model, slot.reader.serial})
+                                     : PathElement({medium->vendor, medium->model, medium->serial});
+    if (element.isEmpty())
+        element = slot.device;
+    return SimNames::DrivesPath + QLatin1Char('/') + element;
+}
+
+QVariantMap tSimDevices::DriveProperties(const tUnitSlot& slot, const tUnitMedium* medium) const
+{
+    const bool usb = slot.bus == QLatin1String("usb");
+    const bool reader = slot.hasReader;
+    const QString vendor = reader ? slot.reader.vendor : medium->vendor;
+    const QString model = reader ? slot.reader.model : medium->model;
+    const QString serial = reader ? slot.reader.serial : medium->serial;
+    const QString revision = reader ? slot.reader.revision : medium->revision;
+    QString media, compatibility;
+    if (reader)
+        media = medium ? QStringLiteral("flash_sd") : QString(), compatibility = QStringLiteral("flash_sd");
+    else if (usb)
+        media = compatibility = QStringLiteral("thumb");
+    else if (!slot.system)
+        media = compatibility = QStringLiteral("flash_sd");
+    const quint64 now = Microseconds();
+    QString id = IdStem(vendor, model, serial);
+    id.replace(QLatin1Char('_'), QLatin1Char('-'));
+    return {
+        {QStringLiteral("Vendor"), vendor},
+        {QStringLiteral("Model"), model},
+        {QStringLiteral("Revision"), revision},
+        {QStringLiteral("Serial"), serial},
+        {QStringLiteral("WWN"), QString()},
+        {QStringLiteral("Id"), id},
+        {QStringLiteral("Configuration"), QVariantMap()},
+        {QStringLiteral("Media"), media},
+        {QStringLiteral("MediaCompatibility"), compatibility.isEmpty() ? QStringList() : QStringList{compatibility}},
+        {QStringLiteral("MediaRemovable"), usb},
+        {QStringLiteral("MediaAvailable"), medium != nullptr},
+        {QStringLiteral("MediaChangeDetected"), true},
+        {QStringLiteral("Size"), medium ? medium->size : quint64(0)},
+        {QStringLiteral("TimeDetected"), now},
+        {QStringLiteral("TimeMediaDetected"), medium ? now : quint64(0)},
+        {QStringLiteral("Optical"), false},
+        {QStringLiteral("OpticalBlank"), false},
+        {QStringLiteral("OpticalNumTracks"), 0u},
+        {QStringLiteral("OpticalNumAudioTracks"), 0u},
+        {QStringLiteral("OpticalNumDataTracks"), 0u},
+        {QStringLiteral("OpticalNumSessions"), 0u},
+        {QStringLiteral("RotationRate"), 0},
+        {QStringLiteral("ConnectionBus"), slot.bus},
+        {QStringLiteral("Seat"), QStringLiteral("seat0")},
+        {QStringLiteral("Removable"), !slot.system},
+        {QStringLiteral("Ejectable"), usb},
+        {QStringLiteral("SortKey"), m_Starting ? QStringLiteral("00coldplug/10removable/") + slot.device
+                                               : QStringLiteral("01hotplug/") + QString::number(now / 1000000)},
+        {QStringLiteral("CanPowerOff"), usb},
+        {QStringLiteral("SiblingId"), QString()},
+    };
+}
+
+namespace
+{
+QVariantMap BlockProperties(const tUnitSlot& slot, const QString& device, quint64 deviceNumber, const QString& drive,
+                            quint64 size, bool readOnly, const QByteArrayList& symlinks)
+{
+    return {
+        {QStringLiteral("Device"), NulTerminated(QStringLiteral("/dev/") + device)},
+        {QStringLiteral("PreferredDevice"), NulTerminated(QStringLiteral("/dev/") + device)},
+        {QStringLiteral("Symlinks"), QVariant::fromValue(symlinks)},
+        {QStringLiteral("DeviceNumber"), deviceNumber},
+        {QStringLiteral("Size"), size},
+        {QStringLiteral("ReadOnly"), readOnly},
+        {QStringLiteral("Drive"), QVariant::fromValue(QDBusObjectPath(drive))},
+        {QStringLiteral("MDRaid"), QVariant::fromValue(QDBusObjectPath(QStringLiteral("/")))},
+        {QStringLiteral("MDRaidMember"), QVariant::fromValue(QDBusObjectPath(QStringLiteral("/")))},
+        {QStringLiteral("IdUsage"), QString()},
+        {QStringLiteral("IdType"), QString()},
+        {QStringLiteral("IdVersion"), QString()},
+        {QStringLiteral("IdLabel"), QString()},
+        {QStringLiteral("IdUUID"), QString()},
+        {QStringLiteral("Configuration"), QVariant::fromValue(tConfigurationItems())},
+        {QStringLiteral("CryptoBackingDevice"), QVariant::fromValue(QDBusObjectPath(QStringLiteral("/")))},
+        {QStringLiteral("HintPartitionable"), true},
+        {QStringLiteral("HintSystem"), slot.system},
+        {QStringLiteral("HintIgnore"), false},
+        {QStringLiteral("HintAuto"), !slot.system},
+        {QStringLiteral("HintName"), QString()},
+        {QStringLiteral("HintIconName"), QString()},
+        {QStringLiteral("HintSymbolicIconName"), QString()},
+        {QStringLiteral("UserspaceMountOptions"), QStringList()},
+    };
+}
+
+QString ByIdName(const tUnitSlot& slot, const tUnitMedium* medium)
+{
+    if (slot.hasReader)
+        return QStringLiteral("usb-") + IdStem(slot.reader.vendor, slot.reader.model, slot.reader.serial) + QStringLiteral("-0:0");
+    if (slot.bus == QLatin1String("usb"))
+        return QStringLiteral("usb-") + IdStem(medium->vendor, medium->model, medium->serial) + QStringLiteral("-0:0");
+    return QStringLiteral("mmc-") + IdStem(QString(), medium->model, medium->serial);
+}
+
+// A DOS disk signature, stable for one medium in one slot.
+QString DiskSignature(const tUnitSlot& slot, const tUnitMedium& medium)
+{
+    return QString::number(qHash(slot.device + medium.name) & 0xffffffffu, 16).rightJustified(8, QLatin1Char('0'));
+}
+} // namespace
+
+QVariantMap tSimDevices::DiskProperties(const tUnitSlot& slot, const tUnitMedium* medium) const
+{
+    const QString byId = ByIdName(slot, medium);
+    QVariantMap block = BlockProperties(slot, slot.device, slot.DeviceNumber(), m_Drives.value(slot.name),
+                                        medium ? medium->size : 0, medium && medium->readOnly,
+                                        {NulTerminated(QStringLiteral("/dev/disk/by-id/") + byId)});
+    block.insert(QStringLiteral("Id"), QStringLiteral("by-id-") + byId);
+    return block;
+}
+
+QVariantMap tSimDevices::PartitionTableProperties(const tUnitSlot& slot, const tUnitMedium& medium) const
+{
+    QList<QDBusObjectPath> partitions;
+    for (int i = 0; i < medium.partitions.size(); ++i)
+        partitions << QDBusObjectPath(BlockPath(slot.PartitionDevice(i + 1)));
+    return {{QStringLiteral("Partitions"), QVariant::fromValue(partitions)}, {QStringLiteral("Type"), QStringLiteral("dos")}};
+}
+
+tInterfaceMap tSimDevices::PartitionInterfaces(const tUnitSlot& slot, const tUnitMedium& medium, int index) const
+{
+    const tUnitPartition& partition = medium.partitions.at(index);
+    const int number = index + 1;
+    const QString device = slot.PartitionDevice(number);
+    QByteArrayList symlinks{NulTerminated(QStringLiteral("/dev/disk/by-id/%1-part%2").arg(ByIdName(slot, &medium)).arg(number))};
+    if (!partition.label.isEmpty())
+        symlinks << NulTerminated(QStringLiteral("/dev/disk/by-label/") + partition.label);
+    if (!partition.uuid.isEmpty())
+        symlinks << NulTerminated(QStringLiteral("/dev/disk/by-uuid/") + partition.uuid);
+    QVariantMap block = BlockProperties(slot, device, tUnitDescription::MakeDeviceNumber(slot.major, slot.minor + number),
+                                        m_Drives.value(slot.name), partition.size, medium.readOnly, symlinks);
+    block.insert(QStringLiteral("Id"), partition.uuid.isEmpty() ? QStringLiteral("by-id-%1-part%2").arg(ByIdName(slot, &medium)).arg(number)
+                                                                : QStringLiteral("by-uuid-") + partition.uuid);
+    block.insert(QStringLiteral("HintPartitionable"), false);
+    block.insert(QStringLiteral("IdUsage"), partition.fsType.isEmpty() ? QString() : QStringLiteral("filesystem"));
+    block.insert(QStringLiteral("IdType"), partition.fsType);
+    block.insert(QStringLiteral("IdVersion"), partition.fsType == QLatin1String("vfat")   ? QStringLiteral("FAT32")
+                                              : partition.fsType == QLatin1String("ext4") ? QStringLiteral("1.0")
+                                                                                          : QString());
+    block.insert(QStringLiteral("IdLabel"), partition.label);
+    block.insert(QStringLiteral("IdUUID"), partition.uuid);
+    tInterfaceMap interfaces{
+        {SimNames::BlockInterface, block},
+        {SimNames::PartitionInterface,
+         {{QStringLiteral("Number"), uint(number)},
+          {QStringLiteral("Type"), partition.partitionType},
+          {QStringLiteral("Flags"), quint64(0)},
+          {QStringLiteral("Offset"), partition.offset},
+          {QStringLiteral("Size"), partition.size},
+          {QStringLiteral("Name"), QString()},
+          {QStringLiteral("UUID"), QStringLiteral("%1-%2").arg(DiskSignature(slot, medium)).arg(number, 2, 10, QLatin1Char('0'))},
+          {QStringLiteral("Table"), QVariant::fromValue(QDBusObjectPath(BlockPath(slot.device)))},
+          {QStringLiteral("IsContainer"), false},
+          {QStringLiteral("IsContained"), false}}},
+    };
+    if (!partition.fsType.isEmpty())
+        interfaces.insert(SimNames::FilesystemInterface, {{QStringLiteral("MountPoints"), QVariant::fromValue(QByteArrayList())}});
+    return interfaces;
+}
