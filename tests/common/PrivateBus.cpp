@@ -48,8 +48,10 @@ bool tPrivateBus::Start(bool exportAsSystemBus, QString* error)
     config.close();
     // Its only complaint as root is about the fd limit; keep the test output clean.
     m_Daemon.setStandardErrorFile(QProcess::nullDevice());
-    m_Daemon.start(QStringLiteral("dbus-daemon"),
-                   {QStringLiteral("--config-file=") + configPath, QStringLiteral("--nofork"), QStringLiteral("--print-address")});
+    // setpriv ties the daemon to this process: it goes even when a test crashes.
+    m_Daemon.start(QStringLiteral("setpriv"), {QStringLiteral("--pdeathsig"), QStringLiteral("TERM"), QStringLiteral("--"),
+                                               QStringLiteral("dbus-daemon"), QStringLiteral("--config-file=") + configPath,
+                                               QStringLiteral("--nofork"), QStringLiteral("--print-address")});
     while (!m_Daemon.canReadLine() && m_Daemon.waitForReadyRead(10000)) {
     }
     m_Address = QString::fromUtf8(m_Daemon.readLine().trimmed());

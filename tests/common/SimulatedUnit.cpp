@@ -46,7 +46,9 @@ bool tSimulatedUnit::Start(bool exportAsSystemBus, QString* error)
     environment.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), m_Bus.Address());
     m_Simulator.setProcessEnvironment(environment);
     m_Simulator.setProcessChannelMode(QProcess::ForwardedChannels);
-    m_Simulator.start(SimBinary(), {QStringLiteral("--unit"), m_UnitFile, QStringLiteral("--mount-base"), MountBase()});
+    // setpriv ties the simulator to this process: it goes even when a test crashes.
+    m_Simulator.start(QStringLiteral("setpriv"), {QStringLiteral("--pdeathsig"), QStringLiteral("TERM"), QStringLiteral("--"), SimBinary(),
+                                                  QStringLiteral("--unit"), m_UnitFile, QStringLiteral("--mount-base"), MountBase()});
     // The simulator takes its control name last, once everything else serves.
     QElapsedTimer clock;
     clock.start();

@@ -259,6 +259,7 @@ private slots:
             QStringLiteral("added sda1 Block,Filesystem,Partition"),
         };
         QTRY_COMPARE(log.lines, inserted);
+        QCOMPARE(log.messages.at(0).signature(), QStringLiteral("oa{sa{sv}}"));
         // The signal carries the real values, not just the names.
         const QDBusArgument added = log.messages.at(2).arguments().at(1).value<QDBusArgument>();
         const QMap<QString, QVariantMap> interfaces = qdbus_cast<QMap<QString, QVariantMap>>(added);
@@ -276,6 +277,7 @@ private slots:
                                     QStringLiteral("removed mmcblk0 Block,PartitionTable"),
                                     QStringLiteral("removed SD16G_0x1a2b3c4d Drive"),
                                 }));
+        QCOMPARE(log.messages.at(log.messages.size() - 1).signature(), QStringLiteral("oas"));
         QVERIFY(!QFileInfo::exists(mountPoint));
     }
 
@@ -328,6 +330,7 @@ private slots:
         QVERIFY(QFileInfo(path).isDir());
         QCOMPARE(ByteStrings(Get(p1, FilesystemInterface, QStringLiteral("MountPoints"))), QStringList{path});
         QTRY_COMPARE(log.lines, QStringList{QStringLiteral("changed mmcblk0p1 Filesystem MountPoints")});
+        QCOMPARE(log.messages.at(0).signature(), QStringLiteral("sa{sv}as"));
         QCOMPARE(ByteStrings(qdbus_cast<QVariantMap>(log.messages.at(0).arguments().at(1)).value(QStringLiteral("MountPoints"))),
                  QStringList{path});
 

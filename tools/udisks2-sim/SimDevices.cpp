@@ -66,9 +66,10 @@ bool tSimDevices::Start(QString* error)
                   {{SimNames::ManagerInterface,
                     {{QStringLiteral("Version"), Version},
                      {QStringLiteral("SupportedFilesystems"),
-                      QStringList{QStringLiteral("ext2"), QStringLiteral("ext3"), QStringLiteral("ext4"),
-                                  QStringLiteral("vfat"), QStringLiteral("exfat"), QStringLiteral("ntfs"),
-                                  QStringLiteral("swap")}},
+                      QStringList{QStringLiteral("ext2"), QStringLiteral("ext3"), QStringLiteral("ext4"), QStringLiteral("vfat"),
+                                  QStringLiteral("ntfs"), QStringLiteral("exfat"), QStringLiteral("xfs"), QStringLiteral("reiserfs"),
+                                  QStringLiteral("nilfs2"), QStringLiteral("btrfs"), QStringLiteral("minix"), QStringLiteral("udf"),
+                                  QStringLiteral("f2fs"), QStringLiteral("swap")}},
                      {QStringLiteral("SupportedEncryptionTypes"), QStringList{QStringLiteral("luks1"), QStringLiteral("luks2")}},
                      {QStringLiteral("DefaultEncryptionType"), QStringLiteral("luks1")}}}});
     for (const tUnitSlot& slot : m_Unit.Slots()) {
@@ -223,7 +224,7 @@ bool tSimDevices::Mount(const QString& path, const QVariantMap& options, QString
     }
     if (!mounted.isEmpty()) {
         *error = {SimNames::ErrorAlreadyMounted,
-                  QStringLiteral("Device %1 is already mounted at `%2'.").arg(device, mounted.first())};
+                  QStringLiteral("Device %1 is already mounted at `%2'.\n").arg(device, mounted.first())};
         m_Calls << QStringLiteral("Mount-refused %1 %2").arg(node, FormatOptions(options)).trimmed();
         return false;
     }
@@ -457,7 +458,6 @@ tInterfaceMap tSimDevices::PartitionInterfaces(const tUnitSlot& slot, const tUni
                                         m_Drives.value(slot.name), partition.size, medium.readOnly, symlinks);
     block.insert(QStringLiteral("Id"), partition.uuid.isEmpty() ? QStringLiteral("by-id-%1-part%2").arg(ByIdName(slot, &medium)).arg(number)
                                                                 : QStringLiteral("by-uuid-") + partition.uuid);
-    block.insert(QStringLiteral("HintPartitionable"), false);
     block.insert(QStringLiteral("IdUsage"), partition.fsType.isEmpty() ? QString() : QStringLiteral("filesystem"));
     block.insert(QStringLiteral("IdType"), partition.fsType);
     block.insert(QStringLiteral("IdVersion"), partition.fsType == QLatin1String("vfat")   ? QStringLiteral("FAT32")
@@ -480,6 +480,7 @@ tInterfaceMap tSimDevices::PartitionInterfaces(const tUnitSlot& slot, const tUni
           {QStringLiteral("IsContained"), false}}},
     };
     if (!partition.fsType.isEmpty())
-        interfaces.insert(SimNames::FilesystemInterface, {{QStringLiteral("MountPoints"), QVariant::fromValue(QByteArrayList())}});
+        interfaces.insert(SimNames::FilesystemInterface, {{QStringLiteral("MountPoints"), QVariant::fromValue(QByteArrayList())},
+                                                          {QStringLiteral("Size"), partition.size}});
     return interfaces;
 }

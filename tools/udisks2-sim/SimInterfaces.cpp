@@ -121,6 +121,7 @@ const char* const FilesystemXml = R"XML(  <interface name="org.freedesktop.UDisk
       <arg type="a{sv}" name="options" direction="in"/>
     </method>
     <property type="aay" name="MountPoints" access="read"/>
+    <property type="t" name="Size" access="read"/>
   </interface>
 )XML";
 
@@ -189,7 +190,9 @@ QString SimInterfaces::IntrospectXml(const QStringList& interfaces, const QStrin
 {
     QString xml = QStringLiteral("<!DOCTYPE node PUBLIC \"-//freedesktop//DTD D-BUS Object Introspection 1.0//EN\"\n"
                                  "\"http://www.freedesktop.org/standards/dbus/1.0/introspect.dtd\">\n<node>\n");
-    xml += QLatin1String(StandardInterfaces);
+    // A path that only leads to objects (block_devices, drives) has no interfaces at all.
+    if (!interfaces.isEmpty())
+        xml += QLatin1String(StandardInterfaces);
     for (const QString& interface : interfaces)
         xml += InterfaceXml(interface);
     for (const QString& child : children)

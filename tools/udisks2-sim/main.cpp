@@ -4,6 +4,7 @@
 #include "SimNames.h"
 #include "SimTypes.h"
 #include "UnitDescription.h"
+#include "system/UnixSignalNotifier.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -108,5 +109,10 @@ int main(int argc, char* argv[])
         err << "udisks2-sim: " << (error.isEmpty() ? bus.lastError().message() : error) << "\n";
         return 1;
     }
+    // A clean exit on SIGTERM and SIGINT, so that leak checkers see the whole run.
+    tUnixSignalNotifier notifier;
+    QObject::connect(&notifier, &tUnixSignalNotifier::SignalReceived, &app, &QCoreApplication::quit);
+    notifier.RegisterSignal(SIGTERM);
+    notifier.RegisterSignal(SIGINT);
     return app.exec();
 }

@@ -1,0 +1,164 @@
+#!/usr/bin/env bash
+# with-real-udisks.sh COMMAND [ARG...]
+# Runs COMMAND against the machine's real udisksd on a private bus: starts
+# systemd-udevd, a private dbus-daemon, a loop device carrying a small image
+# (DOS partition table, one ext4 partition labelled LARKTEST) and udisksd, and exports
+#   DBUS_SYSTEM_BUS_ADDRESS   the private bus with org.freedesktop.UDisks2 on it
+#   REAL_UDISKS_LOOP          the loop device of the whole disk (/dev/loopN)
+#   REAL_UDISKS_PARTITION     the device of its partition (see below)
+# Afterwards, also on failure or interruption, it stops udisksd and udevd,
+# detaches the loop device, restores what udevd changed under /dev and /run,
+# and removes its files. Exits with COMMAND's status, or 77 (and a line saying
+# why) when this machine cannot run the real service: not root, udisks2 or udev
+# not installed, or udisksd not coming up.
+set -euo pipefail
+
+skip() {
+    echo "SKIP: with-real-udisks: $*" >&2
+    exit 77
+}
+[ $# -ge 1 ] || { echo "usage: $0 COMMAND [ARG...]" >&2; exit 2; }
+[ "$(id -u)" -eq 0 ] || skip "needs root (udevd, loop devices, udisksd)"
+udisksd=/usr/libexec/udisks2/udisksd
+udevd=/lib/systemd/systemd-udevd
+for tool in "$udisksd" "$udevd"; do
+    [ -x "$tool" ] || skip "$tool is missing (install udisks2 and udev)"
+done
+for tool in udevadm losetup sfdisk mkfs.ext4 dbus-daemon flock; do
+    command -v "$tool" >/dev/null || skip "$tool is missing"
+done
+
+# One real service at a time on this machine: udevd and udisksd are global.
+exec 9>/run/lock/larkd-real-udisks.lock
+flock -w 300 9 || skip "another real-udisks run holds /run/lock/larkd-real-udisks.lock"
+if pgrep -x systemd-udevd >/dev/null || pgrep -x udisksd >/dev/null; then
+    skip "a systemd-udevd or udisksd already runs on this machine; not touching it"
+fi
+
+work=$(mktemp -d)
+udevd_pid= bus_pid= udisksd_pid= loop= partition_loop=
+created_run=()
+for dir in /run/udev /run/udisks2 /var/lib/udisks2 /run/media /media/root; do
+    [ -e "$dir" ] || created_run+=("$dir")
+done
+# What udevd may change: ownership and modes of nodes, and links and
+# directories it adds (/dev/disk, /dev/block, ...).
+find /dev -xdev -printf '%y %m %U %G %p\n' | sort -k5 >"$work/dev-before"
+
+cleanup() {
+    set +e
+    [ -n "$udisksd_pid" ] && kill "$udisksd_pid" 2>/dev/null && wait "$udisksd_pid" 2>/dev/null
+    # A check that mounted through udisksd and failed before unmounting.
+    [ -n "$partition_loop" ] && grep -q "^$partition_loop " /proc/self/mounts && umount -l "$partition_loop"
+    [ -n "$partition_loop" ] && losetup -d "$partition_loop" 2>/dev/null
+    [ -n "$loop" ] && losetup -d "$loop" 2>/dev/null
+    if [ -n "$udevd_pid" ]; then
+        udevadm settle --timeout=5 2>/dev/null
+        kill "$udevd_pid" 2>/dev/null && wait "$udevd_pid" 2>/dev/null
+    fi
+    [ -n "$bus_pid" ] && kill "$bus_pid" 2>/dev/null && wait "$bus_pid" 2>/dev/null
+    rm -f /run/udev/rules.d/99-larkd-real-udisks.rules
+    find /dev -xdev -printf '%y %m %U %G %p\n' | sort -k5 >"$work/dev-after"
+    # Put back modes and owners of what existed before.
+    while read -r type mode uid gid path; do
+        [ "$type" = l ] && continue
+        [ -e "$path" ] || continue
+        chmod "$mode" "$path"
+        chown "$uid:$gid" "$path"
+    done <"$work/dev-before"
+    # Remove the links and directories udevd added; device nodes belong to the kernel.
+    awk '{print $5}' "$work/dev-before" >"$work/paths-before"
+    awk '$1 == "l" || $1 == "d" {print $5}' "$work/dev-after" | grep -vxF -f "$work/paths-before" | sort -r |
+        while read -r path; do
+            if [ -L "$path" ]; then rm -f "$path"; else rmdir "$path" 2>/dev/null; fi
+        done
+    for dir in "${created_run[@]}"; do
+        rm -rf "$dir"
+    done
+    rm -rf "$work"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+"$udevd" >"$work/udevd.log" 2>&1 &
+udevd_pid=$!
+for _ in $(seq 100); do
+    udevadm control --ping 2>/dev/null && break
+    sleep 0.05
+done
+udevadm control --ping 2>/dev/null || skip "systemd-udevd did not start: $(tail -n3 "$work/udevd.log")"
+
+cat >"$work/bus.conf" <<EOF
+<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>system</type>
+  <listen>unix:path=$work/bus</listen>
+  <auth>EXTERNAL</auth>
+  <!-- Every client here is root; this allows what udisks2's own policy allows root. -->
+  <policy context="default">
+    <allow user="*"/>
+    <allow own="*"/>
+    <allow send_type="method_call"/> <allow send_type="signal"/>
+    <allow send_type="method_return"/> <allow send_type="error"/>
+    <allow receive_type="method_call"/> <allow receive_type="signal"/>
+    <allow receive_type="method_return"/> <allow receive_type="error"/>
+  </policy>
+</busconfig>
+EOF
+dbus-daemon --config-file="$work/bus.conf" --nofork --print-address=3 3>"$work/address" 2>/dev/null &
+bus_pid=$!
+for _ in $(seq 100); do
+    [ -s "$work/address" ] && break
+    sleep 0.05
+done
+DBUS_SYSTEM_BUS_ADDRESS=$(head -n1 "$work/address")
+[ -n "$DBUS_SYSTEM_BUS_ADDRESS" ] || skip "dbus-daemon did not start"
+export DBUS_SYSTEM_BUS_ADDRESS
+
+# The disk: a DOS partition table with one partition. Kernels without
+# partition-table support (like this project's CI machine) do not scan it, so
+# the partition is a second loop device over the partition's bytes, which a
+# udev rule describes as blkid describes a scanned partition; udisksd then
+# serves it as it serves /dev/sdb1. The same rule gives the disk the udev data
+# of a USB disk, so that udisksd also serves a drive for it.
+truncate -s 64M "$work/disk.img"
+echo 'start=2048, type=83' | sfdisk --quiet "$work/disk.img" >/dev/null
+loop=$(losetup --find --show "$work/disk.img") || skip "no loop device available"
+partition=$(losetup --find --show --offset $((2048 * 512)) --sizelimit $((129024 * 512)) "$work/disk.img") ||
+    skip "no second loop device available"
+partition_loop=$partition
+mkdir -p /run/udev/rules.d
+{
+    printf 'KERNEL=="%s", ENV{ID_PART_ENTRY_SCHEME}="dos", ENV{ID_PART_ENTRY_NUMBER}="1", ' "$(basename "$partition")"
+    printf 'ENV{ID_PART_ENTRY_TYPE}="0x83", ENV{ID_PART_ENTRY_OFFSET}="2048", ENV{ID_PART_ENTRY_SIZE}="129024", '
+    printf 'ENV{ID_PART_ENTRY_DISK}="%s"\n' "$(cat "/sys/class/block/$(basename "$loop")/dev")"
+    printf 'KERNEL=="%s", ENV{ID_BUS}="usb", ENV{ID_VENDOR}="Larkd", ENV{ID_MODEL}="Test_Disk", ' "$(basename "$loop")"
+    printf 'ENV{ID_SERIAL}="Larkd_Test_Disk_0001", ENV{ID_SERIAL_SHORT}="0001"\n'
+} >/run/udev/rules.d/99-larkd-real-udisks.rules
+mkfs.ext4 -q -F -L LARKTEST "$partition"
+udevadm control --reload
+udevadm trigger --action=change "$loop" "$partition" 2>/dev/null || true
+udevadm settle --timeout=10 || true
+
+"$udisksd" --no-sigint >"$work/udisksd.log" 2>&1 &
+udisksd_pid=$!
+object=/org/freedesktop/UDisks2/block_devices/$(basename "$partition")
+ready=
+for _ in $(seq 200); do
+    if dbus-send --system --print-reply --dest=org.freedesktop.UDisks2 "$object" \
+        org.freedesktop.DBus.Properties.Get string:org.freedesktop.UDisks2.Filesystem string:MountPoints >/dev/null 2>&1; then
+        ready=1
+        break
+    fi
+    kill -0 "$udisksd_pid" 2>/dev/null || break
+    sleep 0.05
+done
+[ -n "$ready" ] || skip "udisksd did not show $partition with a filesystem: $(tail -n3 "$work/udisksd.log")"
+export REAL_UDISKS_LOOP=$loop REAL_UDISKS_PARTITION=$partition
+
+status=0
+"$@" || status=$?
+cleanup
+trap - EXIT
+exit "$status"
