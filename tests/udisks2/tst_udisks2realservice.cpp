@@ -37,6 +37,7 @@ private slots:
     void cleanup();
     void enumerationFindsTheLoopFilesystem();
     void mountUnmountBehindTheBackAndUnmount();
+    void driveOnAnotherBusGetsNoFilesystem();
 
 private:
     QString m_Partition;
@@ -111,6 +112,22 @@ void tst_UDisks2RealService::mountUnmountBehindTheBackAndUnmount()
     fileSystem->Unmount();
     QTRY_COMPARE_WITH_TIMEOUT(ejected.count(), 2, 10000);
     QVERIFY(MountOptions(again).isNull());
+}
+
+void tst_UDisks2RealService::driveOnAnotherBusGetsNoFilesystem()
+{
+    // The loop disk has a drive, but on no bus the daemon knows (""). The
+    // registry never gets that far with it (a system device), so ask its
+    // block directly.
+    tUDisks2 registry;
+    registry.Enumerate();
+    const QString disk = QFileInfo(qEnvironmentVariable("REAL_UDISKS_LOOP")).fileName();
+    tUDisks2Block block(disk, &registry);
+    QVERIFY(tUDisks2::Drive(&block));
+    QSignalSpy added(&block, &tUDisks2Block::FileSystemAdded);
+    block.AddFilesystem();
+    QVERIFY(!block.FileSystem());
+    QCOMPARE(added.count(), 0);
 }
 
 QTEST_GUILESS_MAIN(tst_UDisks2RealService)

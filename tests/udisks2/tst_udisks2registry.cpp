@@ -76,6 +76,7 @@ private slots:
     void systemPartitionsNeverReachTheDaemon();
     void mountSendsOnlyTheOptionsKey();
     void mountPointsSurviveAnEmptyReply();
+    void objectManagerEventsOutsideTheUsualSequence();
 
 private:
     // Lets every signal the simulator sent so far reach the registry.
@@ -327,6 +328,40 @@ void tst_UDisks2Registry::mountPointsSurviveAnEmptyReply()
     tUDisks2FileSystem disk(QStringLiteral("mmcblk0"), nullptr);
     QVERIFY(!disk.IsValid());
     QCOMPARE(disk.Mount(QString()), QString());
+}
+
+void tst_UDisks2Registry::objectManagerEventsOutsideTheUsualSequence()
+{
+    m_Registry->Enumerate();
+    const QString blocks = QStringLiteral("/org/freedesktop/UDisks2/block_devices/");
+    const QString filesystem = QStringLiteral("org.freedesktop.UDisks2.Filesystem");
+    m_Log->lines.clear();
+
+    // A block announced without a filesystem is not registered.
+    m_Registry->OnInterfaceAdded(QDBusObjectPath(blocks + "sdb"), { { "org.freedesktop.UDisks2.Block", QVariant() } });
+    QVERIFY(m_Log->lines.isEmpty());
+    // The same filesystem announced twice is announced twice, with one proxy.
+    tUDisks2FileSystem* card = tUDisks2::Block(QStringLiteral("mmcblk0p1"))->FileSystem();
+    m_Registry->OnInterfaceAdded(QDBusObjectPath(blocks + "mmcblk0p1"), { { filesystem, QVariant() } });
+    QCOMPARE(m_Log->lines, QStringList{ "FileSystemAdded mmcblk0p1" });
+    QCOMPARE(tUDisks2::Block(QStringLiteral("mmcblk0p1"))->FileSystem(), card);
+
+    // Losing only the Block interface takes the filesystem, not the block.
+    m_Log->lines.clear();
+    m_Registry->OnInterfaceRemoved(QDBusObjectPath(blocks + "mmcblk0p1"), { "org.freedesktop.UDisks2.Block" });
+    QCOMPARE(m_Log->lines, QStringList{ "FileSystemRemoved mmcblk0p1" });
+    QVERIFY(tUDisks2::Block(QStringLiteral("mmcblk0p1")));
+    QVERIFY(!tUDisks2::Block(QStringLiteral("mmcblk0p1"))->FileSystem());
+
+    // Removals are reported for nodes the registry never held.
+    m_Log->lines.clear();
+    m_Registry->OnInterfaceRemoved(QDBusObjectPath(blocks + "sdz9"), { filesystem });
+    m_Registry->OnInterfaceRemoved(QDBusObjectPath(QStringLiteral("/org/freedesktop/UDisks2/drives/Nobody")),
+                                   { "org.freedesktop.UDisks2.Ata" });
+    // The drive prefix needs its "/": this is no drive path.
+    m_Registry->OnInterfaceAdded(QDBusObjectPath(QStringLiteral("/org/freedesktop/UDisks2/drivesX")),
+                                 { { "org.freedesktop.UDisks2.Drive", QVariant() } });
+    QCOMPARE(m_Log->lines, QStringList({ "BlockDeviceRemoved sdz9", "DriveRemoved Nobody" }));
 }
 
 QTEST_GUILESS_MAIN(tst_UDisks2Registry)
