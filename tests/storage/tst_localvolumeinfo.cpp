@@ -168,10 +168,6 @@ void tst_LocalVolumeInfo::cardNamesFollowTheSlotFile_data()
                                         << "Memory Card - Left" << "Memory Card - 1";
     QTest::newRow("card in no listed slot") << QByteArray("sd_slots=top,/dev/disk/by-path/slot0\n") << "right"
                                             << "Memory Card" << "Memory Card - 1";
-    QTest::newRow("key with a leading blank") << QByteArray(" " + twoSlots) << "right" << "Memory Card"
-                                              << "Memory Card - 1";
-    QTest::newRow("first of two lines") << QByteArray("sd_slots=right,/dev/mmcblk1\n" + twoSlots) << "right"
-                                        << "Memory Card - Right" << "Memory Card - 1";
 }
 
 void tst_LocalVolumeInfo::cardNamesFollowTheSlotFile()
