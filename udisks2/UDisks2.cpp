@@ -74,9 +74,10 @@ tUDisks2Drive* tUDisks2::Drive(tUDisks2Block* block)
 void tUDisks2::OnInterfaceAdded(const QDBusObjectPath& path, const QMap<QString, QVariant>& interfaces)
 {
     qCDebug(lcUDisks2) << "tUDisks2::OnInterfaceAdded(): path:" << path.path();
+    // Only the names: the per-interface property maps do not survive the
+    // flattening into QVariantMap and are not used.
     qCDebug(lcUDisks2) << "tUDisks2::OnInterfaceAdded(): interfaces:" << interfaces.keys();
     const QString node = NodeName(path.path());
-    // The proxies read their own properties; only the interface names matter.
     if (path.path().startsWith(UDisks2Names::BlockDevicesPath)) {
         if (interfaces.contains(UDisks2Names::FilesystemInterface))
             AddBlock(node);
