@@ -168,6 +168,7 @@ void tst_LocalVolumeInfo::cardNamesFollowTheSlotFile_data()
                                         << "Memory Card - Left" << "Memory Card - 1";
     QTest::newRow("card in no listed slot") << QByteArray("sd_slots=top,/dev/disk/by-path/slot0\n") << "right"
                                             << "Memory Card" << "Memory Card - 1";
+    QTest::newRow("not an MMC node") << twoSlots << "odd-sdio" << "Memory Card" << "UNEXPECTED";
 }
 
 void tst_LocalVolumeInfo::cardNamesFollowTheSlotFile()
@@ -180,9 +181,9 @@ void tst_LocalVolumeInfo::cardNamesFollowTheSlotFile()
     if (!slotFile.isEmpty())
         WriteSlotFile(slotFile);
 
-    const bool left = slot == QLatin1String("left");
-    tFileSystemInfo* info = Insert(slot, left ? QStringLiteral("charts") : QStringLiteral("photos"),
-                                   left ? QStringLiteral("mmcblk0p1") : QStringLiteral("mmcblk1p1"));
+    const QMap<QString, QString> nodes = { { "left", "mmcblk0p1" }, { "right", "mmcblk1p1" }, { "odd-sdio", "sde1" } };
+    tFileSystemInfo* info = Insert(slot, slot == QLatin1String("left") ? QStringLiteral("charts") : QStringLiteral("photos"),
+                                   nodes.value(slot));
     QVERIFY(info);
     QCOMPARE(info->FriendlyName(), friendlyName);
     QCOMPARE(info->SymlinkName(), symlinkName);

@@ -9,6 +9,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QSignalSpy>
+#include <QTemporaryDir>
 #include <QtTest>
 
 namespace {
@@ -43,6 +44,7 @@ private:
     QString m_Partition;
     QString m_Node;
     QStringList m_Mounted;
+    QTemporaryDir m_Scratch;
 };
 
 void tst_UDisks2RealService::initTestCase()
@@ -95,6 +97,18 @@ void tst_UDisks2RealService::mountUnmountBehindTheBackAndUnmount()
     QVERIFY(!path.isEmpty());
     m_Mounted << path;
     QVERIFY(MountOptions(path).split(',').contains(QStringLiteral("ro")));
+    QTRY_COMPARE_WITH_TIMEOUT(fileSystem->MountPoints(), QStringList{ path }, 10000);
+    QCOMPARE(ejected.count(), 0);
+
+    // Mounted a second time (a bind mount behind the client's back): both points.
+    // (The directory outlives the test function, so cleanup() unmounts first.)
+    const QString second = m_Scratch.path();
+    QCOMPARE(QProcess::execute(QStringLiteral("mount"), { QStringLiteral("--bind"), path, second }), 0);
+    m_Mounted << second;
+    QTRY_COMPARE_WITH_TIMEOUT(fileSystem->MountPoints().size(), 2, 10000);
+    QVERIFY(fileSystem->MountPoints().contains(second));
+    QVERIFY(fileSystem->MountPoints().contains(path));
+    QCOMPARE(QProcess::execute(QStringLiteral("umount"), { second }), 0);
     QTRY_COMPARE_WITH_TIMEOUT(fileSystem->MountPoints(), QStringList{ path }, 10000);
     QCOMPARE(ejected.count(), 0);
 
