@@ -24,7 +24,8 @@ udevd=/lib/systemd/systemd-udevd
 for tool in "$udisksd" "$udevd"; do
     [ -x "$tool" ] || skip "$tool is missing (install udisks2 and udev)"
 done
-for tool in udevadm losetup sfdisk mkfs.ext4 dbus-daemon flock; do
+# setpriv makes the services die with this script even when it is killed outright.
+for tool in udevadm losetup sfdisk mkfs.ext4 dbus-daemon flock setpriv; do
     command -v "$tool" >/dev/null || skip "$tool is missing"
 done
 
@@ -35,12 +36,26 @@ if pgrep -x systemd-udevd >/dev/null || pgrep -x udisksd >/dev/null; then
     skip "a systemd-udevd or udisksd already runs on this machine; not touching it"
 fi
 
-work=$(mktemp -d)
+# A run killed outright (a CTest timeout) cannot clean up; the next one
+# detaches the loop devices it left and removes the directories it made.
+losetup --list --noheadings --output NAME,BACK-FILE 2>/dev/null |
+    awk '$2 ~ "^/tmp/larkd-real-udisks\\.[^/]*/disk\\.img" {print $1}' | while read -r stale; do
+        grep -q "^$stale " /proc/self/mounts && umount -l "$stale"
+        losetup -d "$stale"
+    done
+for stale in /tmp/larkd-real-udisks.*; do
+    [ -d "$stale" ] || continue
+    [ -f "$stale/created" ] && xargs -r rm -rf <"$stale/created"
+    rm -rf "$stale"
+done
+rm -f /run/udev/rules.d/99-larkd-real-udisks.rules
+work=$(mktemp -d /tmp/larkd-real-udisks.XXXXXX)
 udevd_pid= bus_pid= udisksd_pid= loop= partition_loop=
 created_run=()
 for dir in /run/udev /run/udisks2 /var/lib/udisks2 /run/media /media/root; do
     [ -e "$dir" ] || created_run+=("$dir")
 done
+printf '%s\n' "${created_run[@]}" >"$work/created"
 # What udevd may change: ownership and modes of nodes, and links and
 # directories it adds (/dev/disk, /dev/block, ...).
 find /dev -xdev -printf '%y %m %U %G %p\n' | sort -k5 >"$work/dev-before"
@@ -80,7 +95,7 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 130' INT TERM
 
-"$udevd" >"$work/udevd.log" 2>&1 &
+setpriv --pdeathsig KILL -- "$udevd" >"$work/udevd.log" 2>&1 &
 udevd_pid=$!
 for _ in $(seq 100); do
     udevadm control --ping 2>/dev/null && break
@@ -106,7 +121,7 @@ cat >"$work/bus.conf" <<EOF
   </policy>
 </busconfig>
 EOF
-dbus-daemon --config-file="$work/bus.conf" --nofork --print-address=3 3>"$work/address" 2>/dev/null &
+setpriv --pdeathsig KILL -- dbus-daemon --config-file="$work/bus.conf" --nofork --print-address=3 3>"$work/address" 2>/dev/null &
 bus_pid=$!
 for _ in $(seq 100); do
     [ -s "$work/address" ] && break
@@ -141,7 +156,7 @@ udevadm control --reload
 udevadm trigger --action=change "$loop" "$partition" 2>/dev/null || true
 udevadm settle --timeout=10 || true
 
-"$udisksd" --no-sigint >"$work/udisksd.log" 2>&1 &
+setpriv --pdeathsig KILL -- "$udisksd" --no-sigint >"$work/udisksd.log" 2>&1 &
 udisksd_pid=$!
 object=/org/freedesktop/UDisks2/block_devices/$(basename "$partition")
 ready=

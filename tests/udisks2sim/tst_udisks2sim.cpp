@@ -316,6 +316,38 @@ private slots:
         QVERIFY(Children(Blocks.chopped(1)).contains(QStringLiteral("sdb")));
     }
 
+    // A card formatted without a partition table: the reader's own block gains
+    // and loses the filesystem, as a client waiting for it must see.
+    void wholeMediumFilesystemAppearsOnTheReaderBlock()
+    {
+        tSignalLog log(Bus());
+        const QString sdb = Blocks + QStringLiteral("sdb");
+        QVERIFY(m_Unit->Insert(QStringLiteral("reader"), QStringLiteral("bare-card")));
+        QTRY_COMPARE(log.lines, (QStringList{
+                                    QStringLiteral("changed Generic_Ultra_Fast_Media_000000264001 Drive Media,MediaAvailable,Size,TimeMediaDetected"),
+                                    QStringLiteral("changed sdb Block Id,IdLabel,IdType,IdUUID,IdUsage,IdVersion,ReadOnly,Size,Symlinks"),
+                                    QStringLiteral("added sdb Filesystem"),
+                                }));
+        QCOMPARE(Get(sdb, BlockInterface, QStringLiteral("IdLabel")).toString(), QStringLiteral("MAPS"));
+        QCOMPARE(Mount(QStringLiteral("sdb")).arguments().value(0).toString(), m_Unit->MountBase() + QStringLiteral("/MAPS"));
+        QTRY_COMPARE(log.lines.size(), 4);
+        log.lines.clear();
+        QVERIFY(m_Unit->Remove(QStringLiteral("reader")));
+        QTRY_COMPARE(log.lines, (QStringList{
+                                    QStringLiteral("changed sdb Block Size"),
+                                    QStringLiteral("changed Generic_Ultra_Fast_Media_000000264001 Drive Media,MediaAvailable,Size"),
+                                    QStringLiteral("removed sdb Filesystem"),
+                                    QStringLiteral("changed sdb Block Id,IdLabel,IdType,IdUUID,IdUsage,IdVersion,Symlinks"),
+                                }));
+        QCOMPARE(Get(sdb, BlockInterface, QStringLiteral("IdUsage")).toString(), QString());
+        QVERIFY(!QFileInfo::exists(m_Unit->MountBase() + QStringLiteral("/MAPS")));
+
+        // The same on a stick: its disk block carries the filesystem from the start.
+        QVERIFY(m_Unit->Insert(QStringLiteral("usb"), QStringLiteral("bare-stick")));
+        QCOMPARE(Children(Blocks.chopped(1)).filter(QStringLiteral("sda")), QStringList{QStringLiteral("sda")});
+        QCOMPARE(Mount(QStringLiteral("sda")).arguments().value(0).toString(), m_Unit->MountBase() + QStringLiteral("/KINGSTON"));
+    }
+
     void mountAndUnmountBehaveAsTheService()
     {
         QVERIFY(m_Unit->Insert(QStringLiteral("left"), QStringLiteral("charts")));
@@ -382,6 +414,8 @@ private slots:
         QVERIFY(!m_Unit->Insert(QStringLiteral("left"), QStringLiteral("photos"), &error));
         QVERIFY2(error.contains(QStringLiteral("already holds")), qPrintable(error));
         QVERIFY(!m_Unit->Insert(QStringLiteral("right"), QStringLiteral("no-such-medium"), &error));
+        QVERIFY(!m_Unit->Insert(QStringLiteral("right"), QStringLiteral("charts"), &error));
+        QVERIFY2(error.contains(QStringLiteral("is in slot \"left\"")), qPrintable(error));
         QVERIFY(!m_Unit->Remove(QStringLiteral("reader"), &error));
         QVERIFY(!m_Unit->Remove(QStringLiteral("no-such-slot"), &error));
         QCOMPARE(log.lines.size(), 1);

@@ -195,34 +195,39 @@ private slots:
         const QString simPath = Blocks + QStringLiteral("/sda1");
         tMountPointSignals realSignals(m_Real, m_RealPartition);
         tMountPointSignals simSignals(Sim(), simPath);
-        QStringList real, sim;
-        for (auto [bus, path, answers, device] : {std::make_tuple(m_Real, m_RealPartition, &real, qEnvironmentVariable("REAL_UDISKS_PARTITION")),
-                                                  std::make_tuple(Sim(), simPath, &sim, QStringLiteral("/dev/sda1"))}) {
-            const QDBusMessage mounted = CallFilesystem(bus, path, QStringLiteral("Mount"));
-            QCOMPARE(mounted.type(), QDBusMessage::ReplyMessage);
-            const QString mountPath = mounted.arguments().value(0).toString();
-            auto normalise = [&](const QDBusMessage& m) {
-                QString answer = m.type() == QDBusMessage::ErrorMessage ? m.errorName() + QLatin1Char(' ') + m.errorMessage() : m.signature();
-                return answer.replace(mountPath, QStringLiteral("MOUNTPATH"))
-                    .replace(device, QStringLiteral("DEVICE"));
-            };
-            *answers << mounted.signature() << normalise(CallFilesystem(bus, path, QStringLiteral("Mount")));
-            const QDBusMessage points = bus.call(QDBusMessage::createMethodCall(Service, path, QStringLiteral("org.freedesktop.DBus.Properties"),
-                                                                                QStringLiteral("Get"))
-                                                 << FilesystemInterface << QStringLiteral("MountPoints"));
-            const QDBusArgument value = points.arguments().value(0).value<QDBusVariant>().variant().value<QDBusArgument>();
-            *answers << value.currentSignature() << QString::fromLatin1(qdbus_cast<QByteArrayList>(value).value(0).toPercentEncoding("/"))
-                                                              .replace(mountPath, QStringLiteral("MOUNTPATH"));
-            *answers << normalise(CallFilesystem(bus, path, QStringLiteral("Unmount")))
-                           << normalise(CallFilesystem(bus, path, QStringLiteral("Unmount")));
-        }
+        const QStringList real = MountStory(m_Real, m_RealPartition, qEnvironmentVariable("REAL_UDISKS_PARTITION"));
+        const QStringList sim = MountStory(Sim(), simPath, QStringLiteral("/dev/sda1"));
         QCOMPARE(sim, real);
-        QCOMPARE(real.value(1).section(QLatin1Char(' '), 0, 0), QStringLiteral("org.freedesktop.UDisks2.Error.AlreadyMounted"));
-        QCOMPARE(real.value(3), QStringLiteral("MOUNTPATH%00"));
+        QCOMPARE(real.value(0), QString::number(QDBusMessage::ReplyMessage));
+        QCOMPARE(real.value(2).section(QLatin1Char(' '), 0, 0), QStringLiteral("org.freedesktop.UDisks2.Error.AlreadyMounted"));
+        QCOMPARE(real.value(4), QStringLiteral("MOUNTPATH%00"));
         // Mount and Unmount each changed MountPoints, on both.
         QTRY_COMPARE(realSignals.count, 2);
         QTRY_COMPARE(simSignals.count, 2);
         QCOMPARE(simSignals.signature, realSignals.signature);
+    }
+
+private:
+    // Mount twice, read MountPoints, unmount twice: the answers with the
+    // device and mount path written as DEVICE and MOUNTPATH.
+    QStringList MountStory(QDBusConnection bus, const QString& path, const QString& device)
+    {
+        const QDBusMessage mounted = CallFilesystem(bus, path, QStringLiteral("Mount"));
+        const QString mountPath = mounted.arguments().value(0).toString();
+        auto normalise = [&](const QDBusMessage& m) {
+            QString answer = m.type() == QDBusMessage::ErrorMessage ? m.errorName() + QLatin1Char(' ') + m.errorMessage() : m.signature();
+            return answer.replace(mountPath, QStringLiteral("MOUNTPATH")).replace(device, QStringLiteral("DEVICE"));
+        };
+        QStringList answers{QString::number(mounted.type()), mounted.signature()};
+        answers << normalise(CallFilesystem(bus, path, QStringLiteral("Mount")));
+        const QDBusMessage points = bus.call(
+            QDBusMessage::createMethodCall(Service, path, QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"))
+            << FilesystemInterface << QStringLiteral("MountPoints"));
+        const QDBusArgument value = points.arguments().value(0).value<QDBusVariant>().variant().value<QDBusArgument>();
+        answers << value.currentSignature()
+                << QString::fromLatin1(qdbus_cast<QByteArrayList>(value).value(0).toPercentEncoding("/")).replace(mountPath, QStringLiteral("MOUNTPATH"));
+        answers << normalise(CallFilesystem(bus, path, QStringLiteral("Unmount"))) << normalise(CallFilesystem(bus, path, QStringLiteral("Unmount")));
+        return answers;
     }
 };
 

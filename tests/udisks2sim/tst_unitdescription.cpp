@@ -31,6 +31,10 @@ private slots:
         QCOMPARE(emmc->partitions.at(1).offset, 1048576ull + 67108864);
         const tUnitPartition& last = emmc->partitions.at(2);
         QCOMPARE(last.offset + last.size, emmc->size);
+        const tUnitMedium* bare = unit.Medium(QStringLiteral("bare-stick"));
+        QVERIFY(bare && bare->partitions.isEmpty());
+        QCOMPARE(bare->filesystem.label, QStringLiteral("KINGSTON"));
+        QCOMPARE(bare->filesystem.size, bare->size);
         QCOMPARE(unit.Present().size(), 1);
         QCOMPARE(unit.Present().at(0).medium, QStringLiteral("emmc"));
     }
@@ -68,6 +72,9 @@ private slots:
         QTest::newRow("partition too big")
             << QByteArray(R"({"media": [{"name": "m", "size": 2000000, "partitions": [{"type": "vfat", "size": 1500000}]}]})")
             << QString("medium \"m\": partition 1 does not fit");
+        QTest::newRow("filesystem and partitions")
+            << QByteArray(R"({"media": [{"name": "m", "size": 2000000, "filesystem": {"type": "vfat"}, "partitions": [{"type": "vfat"}]}]})")
+            << QString("medium \"m\": a whole-medium filesystem");
         QTest::newRow("medium without size") << QByteArray(R"({"media": [{"name": "m"}]})") << QString("medium \"m\"");
         QTest::newRow("unknown slot present") << "{\"media\": [" + medium + "], \"present\": [{\"slot\": \"nowhere\", \"medium\": \"card\"}]}"
                                               << QString("\"nowhere\"");

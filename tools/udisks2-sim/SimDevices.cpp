@@ -44,6 +44,42 @@ quint64 Microseconds()
     return quint64(QDateTime::currentMSecsSinceEpoch()) * 1000;
 }
 
+// What blkid reports of a filesystem, as udisksd puts it on its block.
+void AddFilesystemIdentity(QVariantMap* block, const tUnitPartition& filesystem)
+{
+    if (filesystem.fsType.isEmpty())
+        return;
+    QByteArrayList symlinks = block->value(QStringLiteral("Symlinks")).value<QByteArrayList>();
+    if (!filesystem.label.isEmpty())
+        symlinks << NulTerminated(QStringLiteral("/dev/disk/by-label/") + filesystem.label);
+    if (!filesystem.uuid.isEmpty()) {
+        symlinks << NulTerminated(QStringLiteral("/dev/disk/by-uuid/") + filesystem.uuid);
+        block->insert(QStringLiteral("Id"), QStringLiteral("by-uuid-") + filesystem.uuid);
+    }
+    block->insert(QStringLiteral("Symlinks"), QVariant::fromValue(symlinks));
+    block->insert(QStringLiteral("IdUsage"), QStringLiteral("filesystem"));
+    block->insert(QStringLiteral("IdType"), filesystem.fsType);
+    block->insert(QStringLiteral("IdVersion"), filesystem.fsType == QLatin1String("vfat")   ? QStringLiteral("FAT32")
+                                               : filesystem.fsType == QLatin1String("ext4") ? QStringLiteral("1.0")
+                                                                                            : QString());
+    block->insert(QStringLiteral("IdLabel"), filesystem.label);
+    block->insert(QStringLiteral("IdUUID"), filesystem.uuid);
+}
+
+// The Block properties that change with the medium in a reader.
+QVariantMap Identity(const QVariantMap& block)
+{
+    QVariantMap identity;
+    for (const char* key : {"Id", "IdUsage", "IdType", "IdVersion", "IdLabel", "IdUUID", "Symlinks"})
+        identity.insert(QLatin1String(key), block.value(QLatin1String(key)));
+    return identity;
+}
+
+QVariantMap FilesystemProperties(quint64 size)
+{
+    return {{QStringLiteral("MountPoints"), QVariant::fromValue(QByteArrayList())}, {QStringLiteral("Size"), size}};
+}
+
 QString FormatOptions(const QVariantMap& options)
 {
     QStringList fields;
@@ -121,6 +157,12 @@ bool tSimDevices::Insert(const QString& slotName, const QString& mediumName, QSt
         *error = QStringLiteral("slot \"%1\" already holds \"%2\"").arg(slotName, m_Inserted.value(slotName));
         return false;
     }
+    // One medium is one piece of hardware: its drive object exists once.
+    const QString elsewhere = m_Inserted.key(mediumName);
+    if (!elsewhere.isEmpty()) {
+        *error = QStringLiteral("medium \"%1\" is in slot \"%2\"").arg(mediumName, elsewhere);
+        return false;
+    }
     m_Inserted.insert(slotName, mediumName);
     m_Calls << QStringLiteral("Insert %1 %2").arg(slotName, mediumName);
     const QString disk = BlockPath(slot->device);
@@ -133,10 +175,14 @@ bool tSimDevices::Insert(const QString& slotName, const QString& mediumName, QSt
                        {QStringLiteral("Media"), drive.value(QStringLiteral("Media"))},
                        {QStringLiteral("Size"), drive.value(QStringLiteral("Size"))},
                        {QStringLiteral("TimeMediaDetected"), drive.value(QStringLiteral("TimeMediaDetected"))}});
-        SetProperties(disk, SimNames::BlockInterface,
-                      {{QStringLiteral("Size"), medium->size}, {QStringLiteral("ReadOnly"), medium->readOnly}});
+        QVariantMap changed{{QStringLiteral("Size"), medium->size}, {QStringLiteral("ReadOnly"), medium->readOnly}};
+        if (!medium->filesystem.fsType.isEmpty())
+            changed.insert(Identity(DiskProperties(*slot, medium)));
+        SetProperties(disk, SimNames::BlockInterface, changed);
         if (!medium->partitions.isEmpty())
             AddInterfaces(disk, {{SimNames::PartitionTableInterface, PartitionTableProperties(*slot, *medium)}});
+        if (!medium->filesystem.fsType.isEmpty())
+            AddInterfaces(disk, {{SimNames::FilesystemInterface, FilesystemProperties(medium->size)}});
     } else {
         const QString drive = DrivePath(*slot, medium);
         m_Drives.insert(slotName, drive);
@@ -144,6 +190,8 @@ bool tSimDevices::Insert(const QString& slotName, const QString& mediumName, QSt
         tInterfaceMap interfaces{{SimNames::BlockInterface, DiskProperties(*slot, medium)}};
         if (!medium->partitions.isEmpty())
             interfaces.insert(SimNames::PartitionTableInterface, PartitionTableProperties(*slot, *medium));
+        if (!medium->filesystem.fsType.isEmpty())
+            interfaces.insert(SimNames::FilesystemInterface, FilesystemProperties(medium->size));
         AddInterfaces(disk, interfaces);
     }
     for (int i = 0; i < medium->partitions.size(); ++i)
@@ -180,11 +228,17 @@ bool tSimDevices::Remove(const QString& slotName, QString* error)
         }
         if (!partitions.isEmpty())
             RemoveInterfaces(disk, {SimNames::PartitionTableInterface});
+        if (!medium->filesystem.fsType.isEmpty()) {
+            ForgetMounts(disk);
+            RemoveInterfaces(disk, {SimNames::FilesystemInterface});
+            SetProperties(disk, SimNames::BlockInterface, Identity(DiskProperties(*slot, nullptr)));
+        }
     } else {
         for (const QString& partition : partitions) {
             ForgetMounts(partition);
             RemoveObject(partition);
         }
+        ForgetMounts(disk);
         RemoveObject(disk);
         RemoveObject(m_Drives.take(slotName));
     }
@@ -433,6 +487,8 @@ QVariantMap tSimDevices::DiskProperties(const tUnitSlot& slot, const tUnitMedium
                                         medium ? medium->size : 0, medium && medium->readOnly,
                                         {NulTerminated(QStringLiteral("/dev/disk/by-id/") + byId)});
     block.insert(QStringLiteral("Id"), QStringLiteral("by-id-") + byId);
+    if (medium)
+        AddFilesystemIdentity(&block, medium->filesystem);
     return block;
 }
 
@@ -449,22 +505,12 @@ tInterfaceMap tSimDevices::PartitionInterfaces(const tUnitSlot& slot, const tUni
     const tUnitPartition& partition = medium.partitions.at(index);
     const int number = index + 1;
     const QString device = slot.PartitionDevice(number);
-    QByteArrayList symlinks{NulTerminated(QStringLiteral("/dev/disk/by-id/%1-part%2").arg(ByIdName(slot, &medium)).arg(number))};
-    if (!partition.label.isEmpty())
-        symlinks << NulTerminated(QStringLiteral("/dev/disk/by-label/") + partition.label);
-    if (!partition.uuid.isEmpty())
-        symlinks << NulTerminated(QStringLiteral("/dev/disk/by-uuid/") + partition.uuid);
+    const QString byId = QStringLiteral("%1-part%2").arg(ByIdName(slot, &medium)).arg(number);
     QVariantMap block = BlockProperties(slot, device, tUnitDescription::MakeDeviceNumber(slot.major, slot.minor + number),
-                                        m_Drives.value(slot.name), partition.size, medium.readOnly, symlinks);
-    block.insert(QStringLiteral("Id"), partition.uuid.isEmpty() ? QStringLiteral("by-id-%1-part%2").arg(ByIdName(slot, &medium)).arg(number)
-                                                                : QStringLiteral("by-uuid-") + partition.uuid);
-    block.insert(QStringLiteral("IdUsage"), partition.fsType.isEmpty() ? QString() : QStringLiteral("filesystem"));
-    block.insert(QStringLiteral("IdType"), partition.fsType);
-    block.insert(QStringLiteral("IdVersion"), partition.fsType == QLatin1String("vfat")   ? QStringLiteral("FAT32")
-                                              : partition.fsType == QLatin1String("ext4") ? QStringLiteral("1.0")
-                                                                                          : QString());
-    block.insert(QStringLiteral("IdLabel"), partition.label);
-    block.insert(QStringLiteral("IdUUID"), partition.uuid);
+                                        m_Drives.value(slot.name), partition.size, medium.readOnly,
+                                        {NulTerminated(QStringLiteral("/dev/disk/by-id/") + byId)});
+    block.insert(QStringLiteral("Id"), QStringLiteral("by-id-") + byId);
+    AddFilesystemIdentity(&block, partition);
     tInterfaceMap interfaces{
         {SimNames::BlockInterface, block},
         {SimNames::PartitionInterface,
@@ -480,7 +526,6 @@ tInterfaceMap tSimDevices::PartitionInterfaces(const tUnitSlot& slot, const tUni
           {QStringLiteral("IsContained"), false}}},
     };
     if (!partition.fsType.isEmpty())
-        interfaces.insert(SimNames::FilesystemInterface, {{QStringLiteral("MountPoints"), QVariant::fromValue(QByteArrayList())},
-                                                          {QStringLiteral("Size"), partition.size}});
+        interfaces.insert(SimNames::FilesystemInterface, FilesystemProperties(partition.size));
     return interfaces;
 }

@@ -45,6 +45,17 @@ bool ParseMedium(const QJsonObject& o, tUnitMedium* medium, QString* error)
     }
     quint64 offset = FirstPartitionOffset;
     const QJsonArray partitions = o.value(QStringLiteral("partitions")).toArray();
+    if (o.contains(QStringLiteral("filesystem"))) {
+        const QJsonObject f = o.value(QStringLiteral("filesystem")).toObject();
+        medium->filesystem.fsType = f.value(QStringLiteral("type")).toString();
+        medium->filesystem.label = f.value(QStringLiteral("label")).toString();
+        medium->filesystem.uuid = f.value(QStringLiteral("uuid")).toString();
+        medium->filesystem.size = medium->size;
+        if (medium->filesystem.fsType.isEmpty() || !partitions.isEmpty()) {
+            *error = QStringLiteral("medium \"%1\": a whole-medium filesystem needs a type and excludes partitions").arg(medium->name);
+            return false;
+        }
+    }
     for (const QJsonValue& v : partitions) {
         const QJsonObject p = v.toObject();
         tUnitPartition partition;

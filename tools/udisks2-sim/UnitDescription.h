@@ -29,6 +29,9 @@ struct tUnitMedium
     quint64 size = 0;
     bool readOnly = false;
     QList<tUnitPartition> partitions;
+    // A filesystem on the whole medium, without a partition table (fsType
+    // empty: none), as on many USB sticks and some cards.
+    tUnitPartition filesystem;
 };
 
 struct tUnitReader
