@@ -29,7 +29,8 @@ public:
     virtual void RemoveInterface(const QString& name) = 0;
 
 signals:
-    virtual void StateChanged(const QString& name, const tNetworkInterfaceMonitor::InterfaceState& state);
+    // Not virtual: moc rejects virtual signals, and subclasses emit this one.
+    void StateChanged(const QString& name, const tNetworkInterfaceMonitor::InterfaceState& state);
 };
 
 Q_DECLARE_METATYPE(tNetworkInterfaceMonitor::InterfaceState)

@@ -6,6 +6,8 @@
 
 #include <QtTest>
 
+#include <memory>
+
 namespace
 {
 const QString cRw = QStringLiteral("rw,no_root_squash,no_subtree_check");
@@ -24,13 +26,13 @@ private slots:
 
 private:
     QTemporaryDir m_Dir;
-    tExportfsRecord* m_Record = nullptr;
+    std::unique_ptr<tExportfsRecord> m_Record;
 };
 
 void tPublisherExportsTest::initTestCase()
 {
     QVERIFY(m_Dir.isValid());
-    m_Record = new tExportfsRecord(m_Dir, qEnvironmentVariable("LARKD_TEST_SCRIPTS") + QStringLiteral("/standins"));
+    m_Record.reset(new tExportfsRecord(m_Dir, qEnvironmentVariable("LARKD_TEST_SCRIPTS") + QStringLiteral("/standins")));
 }
 
 void tPublisherExportsTest::init()
