@@ -92,10 +92,12 @@ private:
     QList<QNetworkDatagram> m_Datagrams;
 };
 
-QByteArray Header(quint16 type)
+// A header whose three strings are each `stringLength` bytes with their NUL.
+QByteArray Header(quint16 type, char stringLength = 1)
 {
-    QByteArray header = QByteArray::fromHex("78563412" "0100" "0000" "e803" "0000" "0000" "0100" "0100" "0100");
+    QByteArray header = QByteArray::fromHex("78563412" "0100" "0000" "e803" "0000" "0000" "0000" "0000" "0000");
     header[6] = static_cast<char>(type);
+    header[14] = header[16] = header[18] = stringLength;
     return header;
 }
 
@@ -121,6 +123,14 @@ tNfsData At(const QSignalSpy& spy, int index)
 }
 } // namespace
 
+char* toString(const tNfsData& share)
+{
+    return QTest::toString(QStringLiteral("{%1 type %2 name %3 detail %4 ro %5 peer %6 cid %7 sn %8 code %9}")
+                               .arg(share.source).arg(share.shareType).arg(share.name, share.detail)
+                               .arg(share.readOnly).arg(share.fromPeer)
+                               .arg(share.contentId, share.serialNumber, share.codeName));
+}
+
 class tSharingNetnsTest : public QObject
 {
     Q_OBJECT
@@ -132,6 +142,7 @@ private slots:
     void withdrawalRemovesAtOnceAndAgainOnExpiry();
     void wireBytesAndKeepAlive();
     void ownDatagramsNeverSignal();
+    void oddDatagramsFromThePeer();
 
 private:
     std::unique_ptr<tNetnsPair> m_Pair;
@@ -320,6 +331,44 @@ void tSharingNetnsTest::ownDatagramsNeverSignal()
     QCOMPARE(added.count(), 0);
     QCOMPARE(removed.count(), 0);
     QCOMPARE(discovered.count(), 0);
+}
+
+void tSharingNetnsTest::oddDatagramsFromThePeer()
+{
+    tServiceListener listener(tNetnsPair::MacA(), cExpiryMs);
+    listener.Start(tNetnsPair::InterfaceB(), nullptr);
+    QSignalSpy added(&listener, &tServiceListener::ServiceAdded);
+    QSignalSpy discovered(&listener, &tServiceListener::PeerDiscovered);
+
+    // A socket opened in unit A stays there after the thread returns to B.
+    QVERIFY(m_Pair->Enter(m_Pair->NamespaceA()));
+    QUdpSocket sender;
+    const bool bound = sender.bind(QHostAddress(tNetnsPair::AddressA()), 0);
+    sender.setMulticastInterface(QNetworkInterface::interfaceFromName(tNetnsPair::InterfaceA()));
+    QVERIFY(m_Pair->Enter(m_Pair->NamespaceB()));
+    QVERIFY(bound);
+    const auto send = [&](const QByteArray& datagram) {
+        sender.writeDatagram(datagram, QHostAddress(QLatin1String(ShareDatagram::GroupAddress())), ShareDatagram::cPort);
+    };
+
+    // Not share messages, but each still tells who the peer is.
+    QByteArray swapped = Header(1) + QByteArray(3, '\0') + cJsonEmpty;
+    swapped.replace(0, 4, QByteArray::fromHex("12345678"));
+    send(swapped);
+    send(QByteArray(1, '\0'));
+    send(Header(1).left(12));
+    QTRY_COMPARE_WITH_TIMEOUT(discovered.count(), 3, 5000);
+    QCOMPARE(discovered.first().at(0).toString(), QStringLiteral("169.254.10.1"));
+
+    QTest::ignoreMessage(QtWarningMsg, "tServiceListener::OnReadyRead(): Received unknown message type 3");
+    send(Header(3) + QByteArray(3, '\0') + cJsonEmpty);
+    QTRY_COMPARE_WITH_TIMEOUT(discovered.count(), 4, 5000);
+
+    // Broken JSON costs the JSON fields only.
+    QTest::ignoreMessage(QtWarningMsg, "tServiceListener::OnReadyRead(): Failed to decode JSON data");
+    send(Header(1, 2) + QByteArray("p\0q\0r\0", 6) + "{\"ContentID\": \"C\n");
+    QTRY_COMPARE_WITH_TIMEOUT(added.count(), 1, 5000);
+    QCOMPARE(At(added, 0), Share("169.254.10.1:p", 0, "q", "r", false, true, QString(), QString(), QString()));
 }
 
 QTEST_GUILESS_MAIN(tSharingNetnsTest)
