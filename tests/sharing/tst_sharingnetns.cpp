@@ -101,20 +101,11 @@ QByteArray Header(quint16 type, char stringLength = 1)
     return header;
 }
 
+// A share as the listener reports it (fields in tNfsData's order).
 tNfsData Share(const QString& source, int shareType, const QString& name, const QString& detail, bool readOnly,
                bool fromPeer, const QString& contentId, const QString& serial, const QString& codeName)
 {
-    tNfsData share;
-    share.source = source;
-    share.shareType = shareType;
-    share.name = name;
-    share.detail = detail;
-    share.readOnly = readOnly;
-    share.fromPeer = fromPeer;
-    share.contentId = contentId;
-    share.serialNumber = serial;
-    share.codeName = codeName;
-    return share;
+    return tNfsData{source, shareType, name, detail, QString(), readOnly, 0, fromPeer, contentId, serial, codeName};
 }
 
 tNfsData At(const QSignalSpy& spy, int index)
