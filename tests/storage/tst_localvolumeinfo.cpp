@@ -29,28 +29,12 @@ QString StorageUnit()
 const QByteArray ChartsCid = "035344534c31364780b1d4a4c5011600";
 const QByteArray PhotosCid = "02544d5341333247060e6cc1ab00d4aa";
 
-// Collects the warnings logged while it lives.
-class tWarnings
+QStringList g_warnings;
+void RecordWarnings(QtMsgType type, const QMessageLogContext&, const QString& message)
 {
-public:
-    tWarnings()
-    {
-        s_Lines.clear();
-        m_Previous = qInstallMessageHandler(&tWarnings::Handler);
-    }
-    ~tWarnings() { qInstallMessageHandler(m_Previous); }
-    QStringList Lines() const { return s_Lines; }
-
-private:
-    static void Handler(QtMsgType type, const QMessageLogContext&, const QString& message)
-    {
-        if (type == QtWarningMsg)
-            s_Lines << message;
-    }
-    static QStringList s_Lines;
-    QtMessageHandler m_Previous;
-};
-QStringList tWarnings::s_Lines;
+    if (type == QtWarningMsg)
+        g_warnings << message;
+}
 
 bool WriteFile(const QString& path, const QByteArray& contents = QByteArray())
 {
@@ -250,20 +234,17 @@ void tst_LocalVolumeInfo::usbNamesAndIdentities()
 
     tFileSystemInfo* info = Insert(slot, medium, node);
     QVERIFY(info);
-    QStringList logged;
-    QString friendly, symlink, cid;
-    {
-        const tWarnings capture;
-        friendly = info->FriendlyName();
-        symlink = info->SymlinkName();
-        cid = info->Cid();
-        logged = capture.Lines();
-    }
+    g_warnings.clear();
+    const QtMessageHandler previous = qInstallMessageHandler(RecordWarnings);
+    const QString friendly = info->FriendlyName();
+    const QString symlink = info->SymlinkName();
+    const QString cid = info->Cid();
+    qInstallMessageHandler(previous);
     QCOMPARE(friendly, friendlyName);
     QCOMPARE(symlink, symlinkName);
     // No reader here answers the vendor command, so no identity either way.
     QVERIFY(cid.isEmpty());
-    QCOMPARE(logged, warnings);
+    QCOMPARE(g_warnings, warnings);
 }
 
 void tst_LocalVolumeInfo::slotFileIsReadOncePerVolume()
