@@ -33,6 +33,17 @@ tFinishedProcess RunToEnd(const QString& program, const QStringList& arguments, 
     return result;
 }
 
+void StopProcess(QProcess& process)
+{
+    if (process.state() == QProcess::NotRunning)
+        return;
+    process.terminate();
+    if (!process.waitForFinished(5000)) {
+        process.kill();
+        process.waitForFinished();
+    }
+}
+
 void SendSignal(const QProcess& process, int sig)
 {
     // A process that has ended (or never started) has id 0, and kill() with

@@ -21,6 +21,9 @@ struct tFinishedProcess
 };
 tFinishedProcess RunToEnd(const QString& program, const QStringList& arguments, int timeoutMs = 20000);
 
+// Asks a helper process to end, kills it if it will not, and waits.
+void StopProcess(QProcess& process);
+
 // Sends a Unix signal to a running process; to nothing once it has ended.
 void SendSignal(const QProcess& process, int sig);
 

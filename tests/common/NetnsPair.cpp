@@ -44,27 +44,21 @@ tNetnsPair::tNetnsPair()
     m_A = stem + QStringLiteral("a");
     m_B = stem + QStringLiteral("b");
     // B is created first so that a failure part-way still leaves names for the destructor.
-    const bool made = Ip({QStringLiteral("netns"), QStringLiteral("add"), m_B})
-        && Ip({QStringLiteral("netns"), QStringLiteral("add"), m_A})
-        && Ip({QStringLiteral("-n"), m_A, QStringLiteral("link"), QStringLiteral("add"), InterfaceA(),
-               QStringLiteral("address"), MacA(), QStringLiteral("type"), QStringLiteral("veth"),
-               QStringLiteral("peer"), QStringLiteral("name"), InterfaceB(), QStringLiteral("address"), MacB(),
-               QStringLiteral("netns"), m_B})
-        && Ip({QStringLiteral("-n"), m_A, QStringLiteral("addr"), QStringLiteral("add"), AddressA() + QStringLiteral("/16"),
-               QStringLiteral("dev"), InterfaceA()})
-        && Ip({QStringLiteral("-n"), m_B, QStringLiteral("addr"), QStringLiteral("add"), AddressB() + QStringLiteral("/16"),
-               QStringLiteral("dev"), InterfaceB()})
-        && Ip({QStringLiteral("-n"), m_A, QStringLiteral("link"), QStringLiteral("set"), QStringLiteral("lo"), QStringLiteral("up")})
-        && Ip({QStringLiteral("-n"), m_B, QStringLiteral("link"), QStringLiteral("set"), QStringLiteral("lo"), QStringLiteral("up")})
-        && Ip({QStringLiteral("-n"), m_A, QStringLiteral("link"), QStringLiteral("set"), InterfaceA(), QStringLiteral("up")})
-        && Ip({QStringLiteral("-n"), m_B, QStringLiteral("link"), QStringLiteral("set"), InterfaceB(), QStringLiteral("up")});
+    const bool made = Ip({"netns", "add", m_B}) && Ip({"netns", "add", m_A})
+        && Ip({"-n", m_A, "link", "add", InterfaceA(), "address", MacA(), "type", "veth", "peer", "name", InterfaceB(),
+               "address", MacB(), "netns", m_B})
+        && Ip({"-n", m_A, "addr", "add", AddressA() + "/16", "dev", InterfaceA()})
+        && Ip({"-n", m_B, "addr", "add", AddressB() + "/16", "dev", InterfaceB()})
+        && Ip({"-n", m_A, "link", "set", "lo", "up"}) && Ip({"-n", m_B, "link", "set", "lo", "up"})
+        && Ip({"-n", m_A, "link", "set", InterfaceA(), "up"}) && Ip({"-n", m_B, "link", "set", InterfaceB(), "up"});
     if (made)
         m_Error.clear();
 }
 
 tNetnsPair::~tNetnsPair()
 {
-    Leave();
+    if (m_HomeFd >= 0)
+        setns(m_HomeFd, CLONE_NEWNET);
     for (const QString& name : {m_A, m_B})
         RunToEnd(QStringLiteral("ip"), {QStringLiteral("netns"), QStringLiteral("del"), name});
     if (m_HomeFd >= 0)
@@ -89,10 +83,4 @@ bool tNetnsPair::Enter(const QString& netns)
     const bool entered = setns(fd, CLONE_NEWNET) == 0;
     close(fd);
     return entered;
-}
-
-void tNetnsPair::Leave()
-{
-    if (m_HomeFd >= 0)
-        setns(m_HomeFd, CLONE_NEWNET);
 }

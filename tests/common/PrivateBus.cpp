@@ -1,5 +1,7 @@
 #include "PrivateBus.h"
 
+#include "DaemonProcess.h"
+
 #include <QFile>
 
 namespace
@@ -78,12 +80,6 @@ void tPrivateBus::Stop()
         QDBusConnection::disconnectFromBus(m_ConnectionName);
         m_ConnectionName.clear();
     }
-    if (m_Daemon.state() != QProcess::NotRunning) {
-        m_Daemon.terminate();
-        if (!m_Daemon.waitForFinished(5000)) {
-            m_Daemon.kill();
-            m_Daemon.waitForFinished();
-        }
-    }
+    StopProcess(m_Daemon);
     m_Address.clear();
 }

@@ -1,5 +1,7 @@
 #include "SimulatedUnit.h"
 
+#include "DaemonProcess.h"
+
 #include <QDBusConnectionInterface>
 #include <QDir>
 #include <QElapsedTimer>
@@ -10,12 +12,13 @@ namespace
 const QString ControlService = QStringLiteral("org.larkd.UDisks2Sim");
 const QString ControlPath = QStringLiteral("/org/larkd/UDisks2Sim");
 const QString ControlInterface = QStringLiteral("org.larkd.UDisks2Sim");
-}
 
+// The simulator binary, set by CTest.
 QString SimBinary()
 {
     return qEnvironmentVariable("UDISKS2_SIM_BINARY");
 }
+} // namespace
 
 QString SimUnitFile(const QString& name)
 {
@@ -65,13 +68,7 @@ bool tSimulatedUnit::Start(bool exportAsSystemBus, QString* error)
 
 void tSimulatedUnit::Stop()
 {
-    if (m_Simulator.state() != QProcess::NotRunning) {
-        m_Simulator.terminate();
-        if (!m_Simulator.waitForFinished(5000)) {
-            m_Simulator.kill();
-            m_Simulator.waitForFinished();
-        }
-    }
+    StopProcess(m_Simulator);
     m_Bus.Stop();
 }
 

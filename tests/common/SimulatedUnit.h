@@ -44,7 +44,5 @@ private:
     QProcess m_Simulator;
 };
 
-// The simulator binary (UDISKS2_SIM_BINARY) and a unit description of its
-// example folder (UDISKS2_SIM_UNITS), both set by CTest.
-QString SimBinary();
+// A unit description of the simulator's example folder (UDISKS2_SIM_UNITS, set by CTest).
 QString SimUnitFile(const QString& name);

@@ -11,16 +11,7 @@ const QByteArray cJsonNoCodeName = "{\n    \"ContentID\": \"\",\n    \"SerialNum
 
 tNfsData ChartShare()
 {
-    tNfsData share;
-    share.source = QStringLiteral("/media/vol");
-    share.shareType = 1;
-    share.name = QStringLiteral("Chart");
-    share.detail = QStringLiteral("SD");
-    share.readOnly = true;
-    share.contentId = QStringLiteral("C1");
-    share.serialNumber = QStringLiteral("S9");
-    share.codeName = QStringLiteral("lark");
-    return share;
+    return tNfsData{"/media/vol", 1, "Chart", "SD", QString(), true, 0, false, "C1", "S9", "lark"};
 }
 
 tDecodedShareMessage Decode(const QByteArray& datagram, bool* isShare = nullptr)

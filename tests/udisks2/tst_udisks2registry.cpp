@@ -77,7 +77,6 @@ private slots:
     void mountSendsOnlyTheOptionsKey();
     void mountPointsSurviveAnEmptyReply();
     void objectManagerEventsOutsideTheUsualSequence();
-    void rescanCost();
 
 private:
     // Lets every signal the simulator sent so far reach the registry.
@@ -251,8 +250,9 @@ void tst_UDisks2Registry::rescanReannouncesWithoutNewDrives()
 {
     m_Registry->Enumerate();
     QVERIFY(m_Unit->Insert(QStringLiteral("usb"), QStringLiteral("stick")));
-    m_Filled << QStringLiteral("usb");
-    QTRY_VERIFY(m_Log->lines.contains(QStringLiteral("FileSystemAdded sda1")));
+    QVERIFY(m_Unit->Insert(QStringLiteral("rv20"), QStringLiteral("photos")));
+    m_Filled << QStringLiteral("usb") << QStringLiteral("rv20");
+    QTRY_VERIFY(m_Log->lines.contains(QStringLiteral("FileSystemAdded sdc1")));
     Settle();
     QVERIFY(tUDisks2::Block(QStringLiteral("sda1")));
     tUDisks2FileSystem* stick = tUDisks2::Block(QStringLiteral("sda1"))->FileSystem();
@@ -262,9 +262,15 @@ void tst_UDisks2Registry::rescanReannouncesWithoutNewDrives()
     QVERIFY(m_Log->Only({ "DriveAdded" }).isEmpty());
     QStringList announced = m_Log->Only({ "FileSystemAdded" });
     announced.sort();
-    QCOMPARE(announced, QStringList({ "FileSystemAdded mmcblk0p1", "FileSystemAdded sda1" }));
+    QCOMPARE(announced, QStringList({ "FileSystemAdded mmcblk0p1", "FileSystemAdded sda1", "FileSystemAdded sdc1" }));
     // The same proxies: a rescan does not rebuild what the daemon holds.
     QCOMPARE(tUDisks2::Block(QStringLiteral("sda1"))->FileSystem(), stick);
+
+    // Every block and drive is re-read property by property on a rescan, which
+    // blocks the daemon's one thread: how long that takes for a small unit.
+    QBENCHMARK {
+        m_Registry->Enumerate();
+    }
 }
 
 void tst_UDisks2Registry::systemPartitionsNeverReachTheDaemon()
@@ -327,11 +333,6 @@ void tst_UDisks2Registry::mountPointsSurviveAnEmptyReply()
     QVERIFY(m_Unit->Unmount(QStringLiteral("mmcblk0p1")));
     card.Update();
     QCOMPARE(card.MountPoints(), QStringList{ path });
-
-    // A block without the Filesystem interface gives an invalid proxy.
-    tUDisks2FileSystem disk(QStringLiteral("mmcblk0"), nullptr);
-    QVERIFY(!disk.IsValid());
-    QCOMPARE(disk.Mount(QString()), QString());
 }
 
 void tst_UDisks2Registry::objectManagerEventsOutsideTheUsualSequence()
@@ -366,23 +367,6 @@ void tst_UDisks2Registry::objectManagerEventsOutsideTheUsualSequence()
     m_Registry->OnInterfaceAdded(QDBusObjectPath(QStringLiteral("/org/freedesktop/UDisks2/drivesX")),
                                  { { "org.freedesktop.UDisks2.Drive", QVariant() } });
     QCOMPARE(m_Log->lines, QStringList({ "BlockDeviceRemoved sdz9", "DriveRemoved Nobody" }));
-}
-
-// Every block and drive is re-read property by property on a rescan, which
-// blocks the daemon's one thread: how long that takes for a small unit.
-void tst_UDisks2Registry::rescanCost()
-{
-    QVERIFY(m_Unit->Insert(QStringLiteral("usb"), QStringLiteral("stick")));
-    QVERIFY(m_Unit->Insert(QStringLiteral("rv20"), QStringLiteral("photos")));
-    m_Filled << QStringLiteral("usb") << QStringLiteral("rv20");
-    Settle();
-    m_Registry->Enumerate();
-    m_Log->lines.clear();
-    m_Registry->Enumerate();
-    QCOMPARE(m_Log->Only({ "FileSystemAdded" }).size(), 3);
-    QBENCHMARK {
-        m_Registry->Enumerate();
-    }
 }
 
 QTEST_GUILESS_MAIN(tst_UDisks2Registry)

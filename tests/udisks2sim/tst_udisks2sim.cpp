@@ -1,6 +1,7 @@
 // The UDisks2 simulator as its clients see it: over a private bus, through
 // plain D-Bus messages, the way a UDisks2 client talks to the real service.
 
+#include "Introspection.h"
 #include "SimulatedUnit.h"
 
 #include <QDBusArgument>
@@ -11,7 +12,6 @@
 #include <QDBusVariant>
 #include <QDir>
 #include <QFileInfo>
-#include <QXmlStreamReader>
 #include <QtTest>
 
 namespace
@@ -120,19 +120,7 @@ private:
     {
         return Call(Blocks + node, FilesystemInterface, QStringLiteral("Unmount"), {QVariantMap()});
     }
-    QStringList Children(const QString& path)
-    {
-        QStringList names;
-        QXmlStreamReader xml(Call(path, QStringLiteral("org.freedesktop.DBus.Introspectable"), QStringLiteral("Introspect"))
-                                 .arguments()
-                                 .value(0)
-                                 .toString());
-        while (!xml.atEnd())
-            if (xml.readNext() == QXmlStreamReader::StartElement && xml.name() == QLatin1String("node")
-                && xml.attributes().hasAttribute(QLatin1String("name")))
-                names << xml.attributes().value(QLatin1String("name")).toString();
-        return names;
-    }
+    QStringList Children(const QString& path) { return Introspect(Bus(), path).children; }
 
 private slots:
     void init()
@@ -161,26 +149,18 @@ private slots:
 
         int checked = 0;
         for (const QString& path : paths) {
-            QXmlStreamReader xml(Call(path, QStringLiteral("org.freedesktop.DBus.Introspectable"), QStringLiteral("Introspect"))
-                                     .arguments()
-                                     .value(0)
-                                     .toString());
-            QString interface;
+            const tIntrospection introspected = Introspect(Bus(), path);
             QStringList declared;
-            while (!xml.atEnd()) {
-                if (xml.readNext() != QXmlStreamReader::StartElement)
-                    continue;
-                if (xml.name() == QLatin1String("interface"))
-                    interface = xml.attributes().value(QLatin1String("name")).toString();
-                if (xml.name() != QLatin1String("property"))
-                    continue;
-                const QString name = xml.attributes().value(QLatin1String("name")).toString();
-                const QString type = xml.attributes().value(QLatin1String("type")).toString();
-                declared << interface + QLatin1Char('.') + name;
-                QCOMPARE(path + QLatin1Char(' ') + name + QLatin1Char(' ') + WireSignature(Get(path, interface, name)),
-                         path + QLatin1Char(' ') + name + QLatin1Char(' ') + type);
-                ++checked;
-            }
+            for (auto i = introspected.interfaces.cbegin(); i != introspected.interfaces.cend(); ++i)
+                for (auto m = i->cbegin(); m != i->cend(); ++m) {
+                    if (!m.key().startsWith(QLatin1String("property ")))
+                        continue;
+                    const QString name = m.key().mid(9);
+                    declared << i.key() + QLatin1Char('.') + name;
+                    QCOMPARE(path + QLatin1Char(' ') + name + QLatin1Char(' ') + WireSignature(Get(path, i.key(), name)),
+                             path + QLatin1Char(' ') + name + QLatin1Char(' ') + m.value().section(QLatin1Char(' '), 0, 0));
+                    ++checked;
+                }
             // GetAll offers exactly the declared properties, no more.
             QStringList offered;
             for (const QString& i : {QStringLiteral("org.freedesktop.UDisks2.Manager"), BlockInterface,
