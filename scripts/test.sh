@@ -13,7 +13,7 @@ echo "== normal build"
 (cd "$root/build" && ctest --output-on-failure -j"$jobs" -LE vm)
 
 echo "== sanitizer build (ASan + UBSan)"
-"$root/scripts/setup.sh" build-asan -DLARKD_WERROR=ON -DLARKD_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug \
+"$root/scripts/setup.sh" build-asan -DLARKD_WERROR=ON -DLARKD_SANITIZE=ON -DLARKD_FUZZ=ON -DCMAKE_BUILD_TYPE=Debug \
     -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_CXX_FLAGS=-O1
 reports="$root/build-asan/sanitizer-reports"
 rm -rf "$reports" && mkdir -p "$reports"

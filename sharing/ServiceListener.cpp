@@ -1,0 +1,224 @@
+#include "sharing/ServiceListener.h"
+
+#include "daemon/Logging.h"
+#include "sharing/ShareDatagram.h"
+
+#include <QHostAddress>
+#include <QNetworkDatagram>
+#include <QNetworkInterface>
+#include <QThread>
+#include <QTimer>
+#include <QUdpSocket>
+
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <net/if_arp.h>
+#include <netinet/ether.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace
+{
+constexpr unsigned cArpAttempts = 4;
+constexpr unsigned long cArpRetryMs = 250;
+// The discard port: the datagram only has to make the kernel resolve the neighbour.
+constexpr quint16 cNudgePort = 9;
+
+QHostAddress GroupAddress()
+{
+    return QHostAddress(QLatin1String(ShareDatagram::GroupAddress()));
+}
+} // namespace
+
+tServiceListener::tServiceListener(const QString& peerMac, int expiryMs, QObject* parent)
+    : QObject(parent)
+    , m_ExpiryMs(expiryMs)
+{
+    RegisterNfsDataMetaType();
+    if (peerMac.isEmpty())
+        return;
+    const QByteArray text = peerMac.toLatin1();
+    if (const ether_addr* mac = ether_aton(text.constData())) {
+        std::memcpy(m_PeerMac.data(), mac->ether_addr_octet, m_PeerMac.size());
+        m_PeerCheckEnabled = true;
+    } else {
+        qCWarning(lcServiceListener, "Invalid peer MAC address: %s", qUtf8Printable(peerMac));
+    }
+}
+
+void tServiceListener::Start(const QString& interfaceName, const QHostAddress* bindAddress)
+{
+    m_InterfaceName = interfaceName;
+    delete m_Socket;
+    m_Socket = new QUdpSocket(this);
+    connect(m_Socket, &QUdpSocket::readyRead, this, &tServiceListener::OnReadyRead);
+    m_Socket->bind(bindAddress ? *bindAddress : GroupAddress(), ShareDatagram::cPort, QUdpSocket::ShareAddress);
+    const QNetworkInterface interface = QNetworkInterface::interfaceFromName(interfaceName);
+    m_Socket->setMulticastInterface(interface);
+    if (m_Socket->joinMulticastGroup(GroupAddress(), interface))
+        qCInfo(lcServiceListener, "tServiceListener::Start - Joined mcast group OK");
+    else
+        qCInfo(lcServiceListener, "tServiceListener::Start - Failed to join mcast group");
+}
+
+void tServiceListener::Stop()
+{
+    if (!m_Socket)
+        return;
+    m_Socket->leaveMulticastGroup(GroupAddress());
+    m_Socket->close();
+}
+
+void tServiceListener::DropService(const QString& source, bool keepUnmounted)
+{
+    if (!m_Services.contains(source))
+        return;
+    const tNfsData share = m_Services.take(source);
+    if (keepUnmounted) {
+        // Its timer goes on measuring how long the peer keeps announcing it.
+        m_Ignored.insert(source);
+    } else {
+        // The next announcement brings the share back with a timer of its own.
+        delete m_Timers.take(source);
+    }
+    Q_EMIT ServiceRemoved(share);
+}
+
+void tServiceListener::OnReadyRead()
+{
+    while (m_Socket->hasPendingDatagrams()) {
+        QByteArray datagram(static_cast<int>(qMax<qint64>(m_Socket->pendingDatagramSize(), 0)), '\0');
+        QHostAddress sender;
+        const qint64 size = m_Socket->readDatagram(datagram.data(), datagram.size(), &sender);
+        if (size < 0)
+            continue;
+        datagram.truncate(static_cast<int>(size));
+        if (!ProcessDatagram(datagram, sender))
+            return;
+    }
+}
+
+bool tServiceListener::ProcessDatagram(const QByteArray& datagram, const QHostAddress& sender)
+{
+    // Multicast loops back to the sender: never treat our own shares as the peer's.
+    if (IsOwnAddress(sender))
+        return true;
+
+    // Any datagram from the peer, even the keep-alive byte, tells us its address.
+    bool fromPeer = false;
+    if (m_PeerCheckEnabled && IsPacketFromPeer(sender)) {
+        Q_EMIT PeerDiscovered(sender.toString());
+        fromPeer = true;
+    }
+
+    tDecodedShareMessage message;
+    if (!DecodeShareDatagram(datagram.constData(), datagram.size(), sender.toString(), &message))
+        return true;
+    if (message.jsonPresent && !message.jsonValid)
+        qCWarning(lcServiceListener, "tServiceListener::OnReadyRead(): Failed to decode JSON data");
+    tNfsData& share = message.share;
+    share.fromPeer = fromPeer;
+
+    if (!share.contentId.isEmpty())
+        qCDebug(lcServiceListener, "tServiceListener::OnReadyRead(): Received content ID: %s",
+                qUtf8Printable(share.contentId));
+    if (!share.serialNumber.isEmpty()) {
+        qCDebug(lcServiceListener, "tServiceListener::OnReadyRead(): Received serial number: %s",
+                qUtf8Printable(share.serialNumber));
+        qCDebug(lcServiceListener, "tServiceListener::OnReadyRead(): Received serial number: %s",
+                qUtf8Printable(share.serialNumber));
+    }
+    if (!share.codeName.isEmpty())
+        qCDebug(lcServiceListener, "tServiceListener::OnReadyRead(): Received Code Name: %s",
+                qUtf8Printable(share.codeName));
+
+    switch (message.type) {
+    case ShareDatagram::cSharePresent:
+        if (m_Ignored.contains(share.source)) {
+            // Still announced: keep it ignored for another period.
+            if (QTimer* timer = m_Timers.value(share.source))
+                timer->start(m_ExpiryMs);
+            return false;
+        }
+        if (!m_Services.contains(share.source)) {
+            m_Services.insert(share.source, share);
+            auto* timer = new QTimer(this);
+            timer->setSingleShot(true);
+            timer->setTimerType(Qt::VeryCoarseTimer);
+            timer->setObjectName(share.source);
+            connect(timer, &QTimer::timeout, this, &tServiceListener::OnServiceTimeout);
+            m_Timers.insert(share.source, timer);
+            timer->start(m_ExpiryMs);
+            Q_EMIT ServiceAdded(share);
+        } else if (QTimer* timer = m_Timers.value(share.source)) {
+            timer->start(m_ExpiryMs);
+        }
+        break;
+    case ShareDatagram::cShareWithdrawn:
+        // The expiry timer keeps running and later reports the share once more, empty.
+        m_Services.remove(share.source);
+        Q_EMIT ServiceRemoved(share);
+        break;
+    default:
+        qCWarning(lcServiceListener, "tServiceListener::OnReadyRead(): Received unknown message type %u",
+                  static_cast<unsigned>(message.type));
+        break;
+    }
+    return true;
+}
+
+void tServiceListener::OnServiceTimeout()
+{
+    auto* timer = qobject_cast<QTimer*>(sender());
+    if (!timer)
+        return;
+    const QString key = timer->objectName();
+    Q_EMIT ServiceRemoved(m_Services.value(key));
+    m_Services.remove(key);
+    m_Timers.remove(key);
+    m_Ignored.remove(key);
+    timer->deleteLater();
+}
+
+bool tServiceListener::IsOwnAddress(const QHostAddress& sender) const
+{
+    const QList<QNetworkAddressEntry> entries = QNetworkInterface::interfaceFromName(m_InterfaceName).addressEntries();
+    for (const QNetworkAddressEntry& entry : entries) {
+        if (entry.ip().isEqual(sender, QHostAddress::TolerantConversion))
+            return true;
+    }
+    return false;
+}
+
+void tServiceListener::Nudge(const QHostAddress& sender)
+{
+    m_Socket->writeDatagram(QByteArray(1, '\0'), sender, cNudgePort);
+    QThread::msleep(cArpRetryMs);
+}
+
+bool tServiceListener::IsPacketFromPeer(const QHostAddress& sender)
+{
+    const QByteArray senderText = sender.toString().toLatin1();
+    const QByteArray device = m_InterfaceName.toLocal8Bit();
+    for (unsigned attempt = 1;; ++attempt) {
+        arpreq request{};
+        auto* protocolAddress = reinterpret_cast<sockaddr_in*>(&request.arp_pa);
+        protocolAddress->sin_family = AF_INET;
+        protocolAddress->sin_addr.s_addr = inet_addr(senderText.constData());
+        request.arp_ha.sa_family = ARPHRD_ETHER;
+        std::memcpy(request.arp_dev, device.constData(), qMin(sizeof request.arp_dev, size_t(device.size())));
+        if (ioctl(static_cast<int>(m_Socket->socketDescriptor()), SIOCGARP, &request) == 0)
+            return std::memcmp(request.arp_ha.sa_data, m_PeerMac.data(), m_PeerMac.size()) == 0;
+        if (attempt == cArpAttempts) {
+            qCWarning(lcServiceListener,
+                      "tServiceListener::IsPacketFromPeer(): attempt %u to obtain MAC for %s failed with error %d",
+                      attempt, senderText.constData(), errno);
+            Nudge(sender);
+            return false;
+        }
+        Nudge(sender);
+    }
+}

@@ -1,0 +1,55 @@
+#pragma once
+
+#include "sharing/NfsData.h"
+
+#include <QMap>
+#include <QObject>
+#include <QSet>
+#include <QString>
+
+#include <array>
+
+class QHostAddress;
+class QTimer;
+class QUdpSocket;
+
+// Receives the peer unit's share announcements, keeps the shares that are
+// alive (one expiry timer each) and recognises the peer by its MAC address.
+class tServiceListener : public QObject
+{
+    Q_OBJECT
+public:
+    tServiceListener(const QString& peerMac, int expiryMs, QObject* parent = nullptr);
+
+    void Start(const QString& interfaceName, const QHostAddress* bindAddress);
+    void Stop();
+    // Lets go of a share at the display application's request: reports it
+    // removed at once. With keepUnmounted its announcements are then ignored
+    // until the peer stops making them, so it is not mounted again meanwhile.
+    void DropService(const QString& source, bool keepUnmounted);
+
+signals:
+    void ServiceAdded(const tNfsData& nfsData);
+    void ServiceRemoved(const tNfsData& nfsData);
+    void PeerDiscovered(const QString& peerIpAddress);
+
+private slots:
+    void OnReadyRead();
+    void OnServiceTimeout();
+
+private:
+    bool IsOwnAddress(const QHostAddress& sender) const;
+    bool IsPacketFromPeer(const QHostAddress& sender);
+    void Nudge(const QHostAddress& sender);
+    // False when processing must stop for this batch of datagrams.
+    bool ProcessDatagram(const QByteArray& datagram, const QHostAddress& sender);
+
+    QMap<QString, tNfsData> m_Services;
+    QMap<QString, QTimer*> m_Timers;
+    QSet<QString> m_Ignored; // dropped and kept unmounted; their announcements are skipped
+    std::array<unsigned char, 6> m_PeerMac{};
+    bool m_PeerCheckEnabled = false;
+    int m_ExpiryMs;
+    QString m_InterfaceName;
+    QUdpSocket* m_Socket = nullptr;
+};

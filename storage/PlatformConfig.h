@@ -1,0 +1,17 @@
+#pragma once
+
+#include <QHash>
+#include <QString>
+#include <QStringList>
+
+// The platform layer's key/value file: every value given for a key, in
+// file order.
+using PlatformConfig = QHash<QString, QStringList>;
+
+extern const char* const PlatformConfigPath;
+
+// A missing or unreadable file gives an empty configuration.
+PlatformConfig ReadPlatformConfig();
+
+// The first value given for key, or an empty string.
+QString ConfigValue(const PlatformConfig& config, const QString& key);

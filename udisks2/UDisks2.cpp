@@ -1,0 +1,162 @@
+#include "udisks2/UDisks2.h"
+
+#include "daemon/Logging.h"
+#include "udisks2/UDisks2Block.h"
+#include "udisks2/UDisks2Bus.h"
+#include "udisks2/UDisks2Drive.h"
+#include "udisks2/UDisks2Names.h"
+
+#include <QDBusConnection>
+
+QMap<QString, tUDisks2Block*> tUDisks2::m_Blocks;
+QMap<QString, tUDisks2Drive*> tUDisks2::m_Drives;
+
+tUDisks2::tUDisks2(QObject* parent)
+    : QObject(parent)
+{
+    QDBusConnection bus = QDBusConnection::connectToBus(QDBusConnection::SystemBus, QStringLiteral("system"));
+    bus.connect(UDisks2Names::Service, UDisks2Names::RootPath, UDisks2Names::ObjectManagerInterface,
+                UDisks2Names::InterfacesAddedSignal, this,
+                SLOT(OnInterfaceAdded(QDBusObjectPath, QMap<QString, QVariant>)));
+    bus.connect(UDisks2Names::Service, UDisks2Names::RootPath, UDisks2Names::ObjectManagerInterface,
+                UDisks2Names::InterfacesRemovedSignal, this, SLOT(OnInterfaceRemoved(QDBusObjectPath, QStringList)));
+}
+
+tUDisks2::~tUDisks2()
+{
+    // The proxies are this object's children: clear the maps rather than
+    // leave them pointing at deleted objects.
+    qDeleteAll(m_Blocks);
+    m_Blocks.clear();
+    qDeleteAll(m_Drives);
+    m_Drives.clear();
+}
+
+void tUDisks2::Enumerate()
+{
+    for (const QString& name : Drives())
+        AddDrive(name);
+    for (const QString& name : BlockDevices())
+        AddBlock(name);
+}
+
+QStringList tUDisks2::BlockDevices()
+{
+    const QStringList names = UDisks2ChildNodes(UDisks2Names::BlockDevicesPath);
+    qCDebug(lcUDisks2) << "tUDisks2::BlockDevices(): block devices:" << names;
+    return names;
+}
+
+QStringList tUDisks2::Drives()
+{
+    const QStringList names = UDisks2ChildNodes(UDisks2Names::DrivesPath);
+    qCDebug(lcUDisks2) << "tUDisks2::Drives(): drives:" << names;
+    return names;
+}
+
+tUDisks2Block* tUDisks2::Block(const QString& node)
+{
+    return m_Blocks.value(node, nullptr);
+}
+
+tUDisks2Drive* tUDisks2::Drive(tUDisks2Block* block)
+{
+    const QString path =
+        block->Property(UDisks2Names::DriveProperty).value<QDBusObjectPath>().path();
+    if (path.isEmpty()) {
+        qCWarning(lcUDisks2) << "tUDisks2::Drive(tUDisks2Block*): block is invalid";
+        return nullptr;
+    }
+    // A block without a drive has the path "/", hence no name.
+    return m_Drives.value(NodeName(path), nullptr);
+}
+
+void tUDisks2::OnInterfaceAdded(const QDBusObjectPath& path, const QMap<QString, QVariant>& interfaces)
+{
+    qCDebug(lcUDisks2) << "tUDisks2::OnInterfaceAdded(): path:" << path.path();
+    // Only the names: the per-interface property maps do not survive the
+    // flattening into QVariantMap and are not used.
+    qCDebug(lcUDisks2) << "tUDisks2::OnInterfaceAdded(): interfaces:" << interfaces.keys();
+    const QString node = NodeName(path.path());
+    if (path.path().startsWith(UDisks2Names::BlockDevicesPath)) {
+        if (interfaces.contains(UDisks2Names::FilesystemInterface))
+            AddBlock(node);
+    } else if (path.path().startsWith(UDisks2Names::DrivesPrefix)) {
+        if (interfaces.contains(UDisks2Names::DriveInterface))
+            AddDrive(node);
+    }
+}
+
+void tUDisks2::OnInterfaceRemoved(const QDBusObjectPath& path, const QStringList& interfaces)
+{
+    qCDebug(lcUDisks2) << "tUDisks2::OnInterfaceRemoved(): path:" << path.path();
+    qCDebug(lcUDisks2) << "tUDisks2::OnInterfaceRemoved(): interfaces:" << interfaces;
+    const QString node = NodeName(path.path());
+    if (path.path().startsWith(UDisks2Names::BlockDevicesPath)) {
+        if (tUDisks2Block* block = m_Blocks.value(node, nullptr))
+            block->RemoveFilesystem();
+    } else if (path.path().startsWith(UDisks2Names::DrivesPrefix)) {
+        RemoveDrive(node);
+        emit DriveRemoved(node);
+    }
+    if (interfaces.contains(UDisks2Names::FilesystemInterface)) {
+        RemoveBlock(node);
+        emit BlockDeviceRemoved(node);
+    }
+}
+
+void tUDisks2::OnBlockDeviceEjected(const QString& path)
+{
+    qCDebug(lcUDisks2) << "tUDisks2::OnBlockDeviceEjected(): path:" << path;
+    // The block stays registered: a new filesystem may appear on it later.
+    if (tUDisks2Block* block = m_Blocks.value(path, nullptr))
+        block->RemoveFilesystem();
+}
+
+void tUDisks2::AddBlock(const QString& node)
+{
+    qCDebug(lcUDisks2) << "tUDisks2::AddBlock(): block:" << node;
+    tUDisks2Block* block = m_Blocks.value(node, nullptr);
+    if (block) {
+        block->Update();
+        if (block->HintSystem())
+            return;
+    } else {
+        block = new tUDisks2Block(node, this);
+        m_Blocks.insert(node, block);
+        // The unit's own partitions never reach the daemon.
+        if (block->HintSystem())
+            return;
+        connect(block, &tUDisks2Block::FileSystemAdded, this, &tUDisks2::FileSystemAdded);
+        connect(block, &tUDisks2Block::FileSystemRemoved, this, &tUDisks2::FileSystemRemoved);
+        connect(block, &tUDisks2Block::FileSystemChanged, this, &tUDisks2::FileSystemChanged);
+        connect(block, &tUDisks2Block::Changed, this, &tUDisks2::BlockDeviceChanged);
+        connect(block, &tUDisks2Block::Ejected, this, &tUDisks2::OnBlockDeviceEjected);
+    }
+    block->AddFilesystem();
+}
+
+void tUDisks2::RemoveBlock(const QString& node)
+{
+    qCDebug(lcUDisks2) << "tUDisks2::RemoveBlock(): block:" << node;
+    delete m_Blocks.take(node);
+}
+
+void tUDisks2::AddDrive(const QString& node)
+{
+    qCDebug(lcUDisks2) << "tUDisks2::AddDrive(): drive:" << node;
+    if (tUDisks2Drive* drive = m_Drives.value(node, nullptr)) {
+        drive->Update();
+        return;
+    }
+    auto* drive = new tUDisks2Drive(node, this);
+    connect(drive, &tUDisks2Drive::Changed, this, &tUDisks2::DriveChanged);
+    m_Drives.insert(node, drive);
+    emit DriveAdded(node);
+}
+
+void tUDisks2::RemoveDrive(const QString& node)
+{
+    qCDebug(lcUDisks2) << "tUDisks2::RemoveDrive(): drive:" << node;
+    delete m_Drives.take(node);
+}

@@ -1,0 +1,165 @@
+#include "udisks2/UDisks2Block.h"
+
+#include "daemon/Logging.h"
+#include "storage/MmcFileSystemInfo.h"
+#include "storage/UsbFileSystemInfo.h"
+#include "udisks2/UDisks2.h"
+#include "udisks2/UDisks2Bus.h"
+#include "udisks2/UDisks2Drive.h"
+#include "udisks2/UDisks2FileSystem.h"
+#include "udisks2/UDisks2Names.h"
+#include "udisks2/UDisks2Text.h"
+
+#include <QDBusArgument>
+#include <QDBusConnection>
+#include <QDBusObjectPath>
+
+namespace {
+
+// "MountPoints" as carried by PropertiesChanged: an aay that arrives as a
+// QDBusArgument inside the map.
+QStringList MountPointTexts(const QVariant& value)
+{
+    QStringList points;
+    if (value.userType() != qMetaTypeId<QDBusArgument>())
+        return points;
+    const QDBusArgument argument = value.value<QDBusArgument>();
+    if (argument.currentType() != QDBusArgument::ArrayType)
+        return points;
+    argument.beginArray();
+    while (!argument.atEnd() && argument.currentType() == QDBusArgument::BasicType) {
+        const QVariant element = argument.asVariant();
+        if (element.userType() == QMetaType::QByteArray)
+            points.append(TextUpToNul(element.toByteArray()));
+    }
+    argument.endArray();
+    return points;
+}
+
+} // namespace
+
+tUDisks2Block::tUDisks2Block(const QString& node, QObject* parent)
+    : QObject(parent)
+    , m_Path(UDisks2Names::BlockDevicesPrefix + node)
+    , m_Name(node)
+{
+    QDBusConnection::systemBus().connect(UDisks2Names::Service, m_Path, UDisks2Names::PropertiesInterface,
+                                         UDisks2Names::PropertiesChangedSignal, this,
+                                         SLOT(OnPropertiesChanged(QString, QVariantMap, QStringList)));
+    Update();
+}
+
+tUDisks2Block::~tUDisks2Block()
+{
+    delete m_FileSystem;
+}
+
+QVariant tUDisks2Block::Property(const QString& name) const
+{
+    return ReadUDisks2Property(m_Path, UDisks2Names::BlockInterface, name);
+}
+
+void tUDisks2Block::Update()
+{
+    m_Device = TextUpToNul(Property(UDisks2Names::DeviceProperty).toByteArray());
+    m_Id = Property(UDisks2Names::IdProperty).toString();
+    m_Drive = NodeName(Property(UDisks2Names::DriveProperty).value<QDBusObjectPath>().path());
+    m_Size = Property(UDisks2Names::SizeProperty).toULongLong();
+    m_ReadOnly = Property(UDisks2Names::ReadOnlyProperty).toBool();
+    m_Usage = Property(UDisks2Names::IdUsageProperty).toString();
+    m_Type = Property(UDisks2Names::IdTypeProperty).toString();
+    m_System = Property(UDisks2Names::HintSystemProperty).toBool();
+    qCDebug(lcUDisks2) << "tUDisks2Block::Update(): name:" << m_Name << "dev:" << m_Device << "id:" << m_Id
+                       << "drive:" << m_Drive << "size:" << m_Size << "readonly:" << m_ReadOnly
+                       << "usage:" << m_Usage << "type:" << m_Type << "system:" << m_System;
+}
+
+tUDisks2FileSystem* tUDisks2Block::FileSystem() const
+{
+    return m_FileSystem;
+}
+
+bool tUDisks2Block::HintSystem() const
+{
+    return m_System;
+}
+
+QString tUDisks2Block::Device() const
+{
+    return m_Device;
+}
+
+QString tUDisks2Block::DriveName() const
+{
+    return m_Drive;
+}
+
+bool tUDisks2Block::IsMounted() const
+{
+    return m_FileSystem && !m_FileSystem->MountPoints().isEmpty();
+}
+
+void tUDisks2Block::OnPropertiesChanged(const QString& interface, const QVariantMap& changedProp,
+                                        const QStringList& invalidatedProp)
+{
+    Q_UNUSED(invalidatedProp)
+    qCDebug(lcUDisks2) << "tUDisks2Block::OnPropertiesChanged(): block:" << m_Name;
+    for (auto it = changedProp.cbegin(); it != changedProp.cend(); ++it) {
+        // Whoever unmounted the volume, it is gone for the daemon.
+        if (it.key() == UDisks2Names::MountPointsProperty) {
+            if (MountPointTexts(it.value()).isEmpty() && IsMounted())
+                emit Ejected(m_Name);
+        } else if (it.key() == UDisks2Names::SizeProperty) {
+            // The medium was pulled from a reader while mounted.
+            if (it.value().toULongLong() == 0 && IsMounted())
+                emit Ejected(m_Name);
+        }
+    }
+    if (interface == UDisks2Names::BlockInterface) {
+        Update();
+        emit Changed(m_Name);
+    } else if (interface == UDisks2Names::FilesystemInterface) {
+        if (m_FileSystem)
+            m_FileSystem->Update();
+        emit FileSystemChanged(m_Name);
+    }
+}
+
+void tUDisks2Block::AddFilesystem()
+{
+    qCDebug(lcUDisks2) << "tUDisks2Block::AddFilesystem(): filesystem:" << m_Name;
+    if (m_FileSystem && m_FileSystem->IsValid()) {
+        emit FileSystemAdded(m_Name);
+        return;
+    }
+    if (tUDisks2Drive* drive = tUDisks2::Drive(this)) {
+        const QString bus = drive->Property(UDisks2Names::ConnectionBusProperty).toString();
+        tFileSystemInfo* info = nullptr;
+        if (bus == UDisks2Names::SdioBus)
+            info = new tMmcFileSystemInfo(this);
+        else if (bus == UDisks2Names::UsbBus)
+            info = new tUsbFileSystemInfo(this);
+        if (info)
+            SetFileSystem(new tUDisks2FileSystem(m_Name, info));
+    }
+    if (m_FileSystem && m_FileSystem->IsValid())
+        emit FileSystemAdded(m_Name);
+}
+
+void tUDisks2Block::SetFileSystem(tUDisks2FileSystem* fileSystem)
+{
+    if (fileSystem != m_FileSystem)
+        delete m_FileSystem;
+    m_FileSystem = fileSystem;
+}
+
+void tUDisks2Block::RemoveFilesystem()
+{
+    if (!m_FileSystem)
+        return;
+    qCDebug(lcUDisks2) << "tUDisks2Block::RemoveFilesystem(): filesystem:" << m_Name;
+    // Receivers may still read the mount points while the signal is delivered.
+    emit FileSystemRemoved(m_Name);
+    delete m_FileSystem;
+    m_FileSystem = nullptr;
+}

@@ -1,0 +1,79 @@
+#include "udisks2/UDisks2FileSystem.h"
+
+#include "daemon/Logging.h"
+#include "storage/FileSystemInfo.h"
+#include "udisks2/UDisks2Bus.h"
+#include "udisks2/UDisks2Names.h"
+#include "udisks2/UDisks2Text.h"
+
+#include <QDBusArgument>
+#include <QDBusVariant>
+#include <QVariantMap>
+
+tUDisks2FileSystem::tUDisks2FileSystem(const QString& node, tFileSystemInfo* info, QObject* parent)
+    : tFileSystem(parent)
+    , m_Path(UDisks2Names::BlockDevicesPrefix + node)
+    , m_Valid(HasUDisks2Interface(m_Path, UDisks2Names::FilesystemInterface))
+    , m_Name(node)
+    , m_Info(info)
+{
+    if (m_Info)
+        m_Info->setParent(this);
+    Update();
+}
+
+tUDisks2FileSystem::~tUDisks2FileSystem() = default;
+
+tFileSystemInfo* tUDisks2FileSystem::Info() const
+{
+    return m_Info;
+}
+
+bool tUDisks2FileSystem::IsValid() const
+{
+    return m_Valid;
+}
+
+QString tUDisks2FileSystem::Mount(const QString& options)
+{
+    QVariantMap arguments;
+    if (!options.isEmpty())
+        arguments.insert(UDisks2Names::MountOptionsKey, options);
+    const QDBusMessage reply = CallUDisks2(m_Path, UDisks2Names::FilesystemInterface,
+                                           UDisks2Names::MountMethod, { arguments });
+    if (reply.type() == QDBusMessage::ErrorMessage || reply.arguments().isEmpty())
+        return QString();
+    return reply.arguments().first().toString();
+}
+
+QStringList tUDisks2FileSystem::MountPoints() const
+{
+    return m_MountPoints;
+}
+
+void tUDisks2FileSystem::Unmount()
+{
+    CallUDisks2(m_Path, UDisks2Names::FilesystemInterface, UDisks2Names::UnmountMethod, { QVariantMap() });
+}
+
+void tUDisks2FileSystem::Update()
+{
+    const QDBusMessage reply = CallUDisks2(m_Path, UDisks2Names::PropertiesInterface, UDisks2Names::GetMethod,
+                                           { UDisks2Names::FilesystemInterface, UDisks2Names::MountPointsProperty });
+    if (reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty()) {
+        const QVariant value = reply.arguments().first().value<QDBusVariant>().variant();
+        if (value.userType() == qMetaTypeId<QDBusArgument>()) {
+            const QDBusArgument argument = value.value<QDBusArgument>();
+            argument.beginArray();
+            if (!argument.atEnd())
+                m_MountPoints.clear();
+            while (!argument.atEnd()) {
+                QByteArray point;
+                argument >> point;
+                m_MountPoints.append(TextUpToNul(point));
+            }
+            argument.endArray();
+        }
+    }
+    qCDebug(lcUDisks2) << "tUDisks2FileSystem::Update(): mountpoints:" << m_MountPoints;
+}
