@@ -134,11 +134,12 @@ class Lab:
         return self
 
     def __exit__(self, *exc):
-        for m in self.machines:
-            m.kill()
         if exc[0] is not None:
             for m in self.machines:
                 m.dump_console()
+                m.dump_diagnostics()
+        for m in self.machines:
+            m.kill()
         shutil.rmtree(self.dir, ignore_errors=True)
         return False
 
@@ -155,6 +156,7 @@ class Machine:
         self.agent = None
         self.agent_buffer = b""
         self.next_id = 0
+        self.diagnostics = []  # commands whose output helps explain a failure
         d = lab.path(name)
         os.makedirs(d)
         self.console = os.path.join(d, "console.log")
@@ -247,6 +249,14 @@ class Machine:
             print("\n".join(tail))
         except OSError:
             pass
+
+    def dump_diagnostics(self):
+        for command in self.diagnostics:
+            print("---- %s: %s" % (self.name, command))
+            try:
+                print(self.sh(command, timeout=20, check=False)[1])
+            except (OSError, LabError, AttributeError) as e:
+                print("(not available: %s)" % e)
 
     # -- commands inside -----------------------------------------------------
 

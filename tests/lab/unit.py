@@ -35,7 +35,10 @@ def is_removal(volume):
 class Unit:
     def __init__(self, machine):
         self.m = machine
-        self.seen = 0  # messages already consumed by wait_arrival
+        self.seen = 0  # messages already consumed by wait_volume
+        machine.diagnostics += ["journalctl -b -u larkd --no-pager -o short-monotonic | tail -80",
+                                "cat " + APP_LOG, "findmnt -l -t vfat,nfs,nfs4", "exportfs -v",
+                                "ls -l /run/media"]
 
     def setup(self, address=None):
         self.m.sh("/lab/guest/setup.sh %s" % (address or ""), timeout=120)

@@ -13,9 +13,9 @@ systemctl daemon-reload
 mkdir -p /run/corvex_platform
 echo "sd_slots=left,/dev/mmcblk0" > /run/corvex_platform/config
 
-# Shared mounts land in /media/LABEL; /media is /run/media on the unit.
-mkdir -p /run/media
-if [ ! -L /media ]; then rmdir /media && ln -s /run/media /media; fi
+# Shared mounts land in /media/LABEL; the unit's udisks2 mounts in
+# /run/media, where larkd keeps its links.
+ln -sfn /media /run/media
 mkdir -p /run/udev/rules.d
 echo 'SUBSYSTEM=="block", ENV{UDISKS_FILESYSTEM_SHARED}="1"' > /run/udev/rules.d/99-lab-shared-mounts.rules
 udevadm control --reload
