@@ -131,7 +131,10 @@ void tLarkDaemon::SignalHandler(int sigNum)
     case SIGUSR2:
         qCInfo(lcDaemon, "tLarkDaemon::SignalHandler(): SIGUSR2: Simulating removing/inserting SD card");
         UnmountAll();
-        ManualScan();
+        // Scan once the service's reports of these unmounts, already queued,
+        // have been handled: handled after the scan, they would take the
+        // freshly mounted volumes for ejected ones.
+        QMetaObject::invokeMethod(this, &tLarkDaemon::ManualScan, Qt::QueuedConnection);
         break;
     default:
         break;
