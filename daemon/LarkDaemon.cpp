@@ -157,7 +157,8 @@ void tLarkDaemon::OnNetworkInterfaceStateChanged(const QString& name,
     }
     if (m_SharingActive || state.addresses.isEmpty())
         return;
-    m_Publisher->Start(name, QHostAddress(QHostAddress::Any));
+    // Unspecified: the publisher binds to every IPv4 address.
+    m_Publisher->Start(name, QHostAddress());
     m_Publisher->StartAnnouncing();
     m_Listener->Start(name, nullptr);
     m_SharingActive = true;

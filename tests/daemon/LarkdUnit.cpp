@@ -167,6 +167,12 @@ bool tLarkdUnit::WaitForMountPoint(const QString& node, int timeoutMs)
     return true;
 }
 
+QByteArray tLarkdUnit::MountTable() const
+{
+    QFile mounts(QStringLiteral("/proc/%1/mounts").arg(m_Process.processId()));
+    return mounts.open(QIODevice::ReadOnly) ? mounts.readAll() : QByteArray();
+}
+
 QString tLarkdUnit::Inside(const QString& path) const
 {
     return QStringLiteral("/proc/%1/root%2").arg(m_Process.processId()).arg(path);

@@ -42,6 +42,8 @@ public:
     // Waits until larkd has seen the service report node's mount point: only
     // then does a newly connected application hear of the volume.
     bool WaitForMountPoint(const QString& node, int timeoutMs = 10000);
+    // larkd's mount table (/proc/PID/mounts).
+    QByteArray MountTable() const;
     // A path as larkd sees it in its mount namespace, e.g. Inside("/run/media").
     QString Inside(const QString& path) const;
 
