@@ -131,7 +131,10 @@ void tLarkDaemon::SignalHandler(int sigNum)
     case SIGUSR2:
         qCInfo(lcDaemon, "tLarkDaemon::SignalHandler(): SIGUSR2: Simulating removing/inserting SD card");
         UnmountAll();
-        ManualScan();
+        // Scan once the service's reports of these unmounts, already queued,
+        // have been handled: handled after the scan, they would take the
+        // freshly mounted volumes for ejected ones.
+        QMetaObject::invokeMethod(this, &tLarkDaemon::ManualScan, Qt::QueuedConnection);
         break;
     default:
         break;
@@ -154,7 +157,8 @@ void tLarkDaemon::OnNetworkInterfaceStateChanged(const QString& name,
     }
     if (m_SharingActive || state.addresses.isEmpty())
         return;
-    m_Publisher->Start(name, QHostAddress(QHostAddress::Any));
+    // Unspecified: the publisher binds to every IPv4 address.
+    m_Publisher->Start(name, QHostAddress());
     m_Publisher->StartAnnouncing();
     m_Listener->Start(name, nullptr);
     m_SharingActive = true;
