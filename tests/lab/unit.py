@@ -36,16 +36,17 @@ class Unit:
     def __init__(self, machine):
         self.m = machine
         self.seen = 0  # messages already consumed by wait_volume
-        machine.diagnostics += ["journalctl -b -u larkd --no-pager -o short-monotonic | tail -80",
+        machine.diagnostics += ["journalctl -b _COMM=larkd --no-pager -o short-monotonic | tail -80",
                                 "cat " + APP_LOG, "findmnt -l -t vfat,nfs,nfs4", "exportfs -v",
-                                "ls -l /run/media"]
+                                "ls -l /run/media/"]
 
     def setup(self, address=None):
         self.m.sh("/lab/guest/setup.sh %s" % (address or ""), timeout=120)
 
-    def start_larkd(self, options):
-        """Writes the options where the installed unit reads them and starts
-        the service, then connects the application stand-in."""
+    def start_larkd(self, options, volumes=0):
+        """Writes the options where the installed unit reads them, starts the
+        service and connects the application stand-in once the daemon
+        reports the given number of volumes (0: as soon as it listens)."""
         started = time.monotonic()
         self.m.sh("""
             env=$(systemctl show -P EnvironmentFiles larkd | cut -d' ' -f1)
@@ -55,6 +56,12 @@ class Unit:
             systemctl start larkd
         """ % shlex.quote(options))
         self.m.wait_for("ss -ltnH 'sport = :%d' | grep -q LISTEN" % PORT, "larkd listening", 60)
+        if volumes:
+            # An application that connects while the daemon is still mounting
+            # what it found at start may be told nothing (the mount points
+            # arrive after the mount reply): ask until the daemon has settled.
+            self.m.wait_for("test $(larkd-client list --wait 1000 | grep -c dataarrival) -ge %d" % volumes,
+                            "%d volumes reported" % volumes, 120)
         self.follow()
         log("%s: larkd up in %.1f s" % (self.m.name, time.monotonic() - started))
 
@@ -115,5 +122,10 @@ class Unit:
     def exports(self):
         return self.m.sh("exportfs -v")
 
-    def journal(self, unit="larkd"):
-        return self.m.sh("journalctl -b -u %s --no-pager -o cat" % unit)
+    def journal(self):
+        """larkd's log lines."""
+        return self.m.sh("journalctl -b _COMM=larkd --no-pager -o cat")
+
+    def udisks_count(self, text):
+        """How often udisksd has logged a line containing the text."""
+        return self.m.sh("journalctl -b _COMM=udisksd --no-pager -o cat").count(text)
