@@ -54,6 +54,7 @@ private slots:
     void protocolFraming();
     void secondClientTakesOver();
     void signals_();
+    void clientListsAndFollows();
 
 private:
     QTemporaryDir m_Files;
@@ -300,6 +301,43 @@ void tLocalVolumesTest::signals_()
     QVERIFY2(stopped, unit.Log().constData());
     QVERIFY(unit.Log().contains("tLarkDaemon::SignalHandler(): Handling SIGTERM"));
     QVERIFY(stillMounted);
+}
+
+void tLocalVolumesTest::clientListsAndFollows()
+{
+    tLarkdUnit unit(E2eUnitFile(), {QStringLiteral("--disable-chart-sharing")});
+    QString error;
+    QVERIFY2(unit.Start(&error), qPrintable(error));
+    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
+    const QString client = qEnvironmentVariable("LARKD_CLIENT_BINARY");
+    const QStringList port{QStringLiteral("--port"), QString::number(unit.Port())};
+
+    // list: one compact document a line, ended by a short silence.
+    const tFinishedProcess list = RunToEnd(client, port + QStringList{QStringLiteral("list"), QStringLiteral("--wait"), QStringLiteral("300")});
+    QCOMPARE(list.exitCode, 0);
+    const QList<QByteArray> lines = list.out.trimmed().split('\n');
+    QCOMPARE(lines.size(), 1);
+    QCOMPARE(QJsonDocument::fromJson(lines.first()).object().value(QStringLiteral("message")).toObject()
+                 .value(QStringLiteral("content")).toObject().value(QStringLiteral("dataarrival")).toObject()
+                 .value(QStringLiteral("path")).toString(),
+             QStringLiteral("/run/media/CHARTS"));
+
+    // follow: every message as it comes.
+    QProcess follow;
+    follow.start(client, port + QStringList{QStringLiteral("follow")});
+    QVERIFY(follow.waitForStarted());
+    QByteArray out;
+    QTRY_VERIFY_WITH_TIMEOUT((out += follow.readAllStandardOutput()).count('\n') == 1, 10000);
+    QVERIFY(unit.Insert(QStringLiteral("usb"), QStringLiteral("stick")));
+    QTRY_VERIFY_WITH_TIMEOUT((out += follow.readAllStandardOutput()).count('\n') == 2, 10000);
+    QVERIFY2(out.split('\n').at(1).contains(R"("path":"/run/media/STICK")"), out.constData());
+    SendSignal(follow, SIGTERM);
+    QVERIFY(follow.waitForFinished(5000));
+
+    // A request through the client goes to larkd like the application's own.
+    const tFinishedProcess share = RunToEnd(client, port + QStringList{QStringLiteral("share"), QStringLiteral("eth0")});
+    QCOMPARE(share.exitCode, 0);
+    QTRY_VERIFY(unit.Log().contains("Unexpected interface configuration message"));
 }
 
 LARKD_NAMESPACE_TEST_MAIN(tLocalVolumesTest)
