@@ -81,6 +81,7 @@ void tLocalVolumesTest::initTestCase()
 void tLocalVolumesTest::cardsAndSticksAreMountedLinkedExportedAndReported()
 {
     tLarkdUnit unit(E2eUnitFile(), {QStringLiteral("--vfat"), cVfatOptions, QStringLiteral("--writeable-exports"),
+                                    QStringLiteral("--internal-share-path"), QStringLiteral("/srv/charts"),
                                     QStringLiteral("--content-id-file"), m_ContentIdFile,
                                     QStringLiteral("--serial-number-file"), m_SerialNumberFile});
     QString error;
@@ -115,10 +116,20 @@ void tLocalVolumesTest::cardsAndSticksAreMountedLinkedExportedAndReported()
     QCOMPARE(arrivals.first().value(QStringLiteral("path")), QJsonValue(QStringLiteral("/run/media/PHOTOS")));
     QCOMPARE(LinkTarget(unit.Inside(QStringLiteral("/run/media/Memory Card - 2"))), QStringLiteral("PHOTOS"));
 
+    // A new content ID is read when its file changes.
+    const QDateTime before = QFileInfo(m_ContentIdFile).lastModified();
+    QFile contentId(m_ContentIdFile);
+    QVERIFY(contentId.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    contentId.write("CONTENT-8\n");
+    contentId.close();
+    QVERIFY(contentId.open(QIODevice::ReadWrite));
+    QVERIFY(contentId.setFileTime(before.addSecs(5), QFileDevice::FileModificationTime));
+    contentId.close();
     QVERIFY(WriteMediumSysfs(QStringLiteral("usb"), QStringLiteral("stick")));
     QVERIFY(unit.Insert(QStringLiteral("usb"), QStringLiteral("stick")));
     arrivals = app.TakeArrivals(1);
     QCOMPARE(arrivals.size(), 1);
+    QCOMPARE(arrivals.first().value(QStringLiteral("contentid")), QJsonValue(QStringLiteral("CONTENT-8")));
     QCOMPARE(arrivals.first().value(QStringLiteral("friendlyname")), QJsonValue(QStringLiteral("USB Mass Storage")));
     QCOMPARE(arrivals.first().value(QStringLiteral("type")), QJsonValue(QStringLiteral("harddrive")));
     QCOMPARE(arrivals.first().value(QStringLiteral("key")), QJsonValue(QString()));
@@ -148,11 +159,13 @@ void tLocalVolumesTest::cardsAndSticksAreMountedLinkedExportedAndReported()
     QVERIFY2(exportOf(QStringLiteral("/run/media/CHARTS")).startsWith(QStringLiteral("-o\trw")), qPrintable(exports.join('\n')));
     QVERIFY2(exportOf(QStringLiteral("/run/media/PHOTOS")).startsWith(QStringLiteral("-o\trw")), qPrintable(exports.join('\n')));
     QVERIFY2(exportOf(QStringLiteral("/run/media/MAPS")).startsWith(QStringLiteral("-o\tro")), qPrintable(exports.join('\n')));
+    QVERIFY2(exportOf(QStringLiteral("/srv/charts")).startsWith(QStringLiteral("-o\tro")), qPrintable(exports.join('\n')));
 }
 
 void tLocalVolumesTest::withoutChartSharingVolumesAreLinkedButNotExported()
 {
-    tLarkdUnit unit(E2eUnitFile(), {QStringLiteral("--disable-chart-sharing")});
+    tLarkdUnit unit(E2eUnitFile(), {QStringLiteral("--disable-chart-sharing"), QStringLiteral("--internal-share-path"),
+                                    QStringLiteral("/srv/charts")});
     QString error;
     QVERIFY2(unit.Start(&error), qPrintable(error));
     QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
