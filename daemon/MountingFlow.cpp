@@ -156,7 +156,8 @@ void tLarkDaemon::ManualScan()
 
     m_UDisks2->Enumerate();
 
-    if (!m_InternalSharePath.isEmpty() && m_Publisher) {
+    // Disabled chart sharing exports nothing, the internal store included.
+    if (!m_InternalSharePath.isEmpty() && m_Publisher && m_ChartSharingEnabled) {
         m_Publisher->AddServiceNFS(m_InternalSharePath, cInternalShareType, QString(), contentId, serialNumber,
                                    QStringLiteral("Internal HD Charts"), true);
     }

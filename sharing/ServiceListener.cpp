@@ -96,7 +96,13 @@ void tServiceListener::OnReadyRead()
         if (size < 0)
             continue;
         datagram.truncate(static_cast<int>(size));
+        m_PeerCheckWaited = false;
         if (!ProcessDatagram(datagram, sender))
+            return;
+        // A sender that cannot be resolved costs about a second per datagram;
+        // if it announces faster than that, this loop would never end. Let the
+        // event loop run; the socket reports the remaining datagrams again.
+        if (m_PeerCheckWaited)
             return;
     }
 }
@@ -197,6 +203,7 @@ void tServiceListener::Nudge(const QHostAddress& sender)
 {
     m_Socket->writeDatagram(QByteArray(1, '\0'), sender, cNudgePort);
     QThread::msleep(cArpRetryMs);
+    m_PeerCheckWaited = true;
 }
 
 bool tServiceListener::IsPacketFromPeer(const QHostAddress& sender)
@@ -210,12 +217,17 @@ bool tServiceListener::IsPacketFromPeer(const QHostAddress& sender)
         protocolAddress->sin_addr.s_addr = inet_addr(senderText.constData());
         request.arp_ha.sa_family = ARPHRD_ETHER;
         std::memcpy(request.arp_dev, device.constData(), qMin(sizeof request.arp_dev, size_t(device.size())));
-        if (ioctl(static_cast<int>(m_Socket->socketDescriptor()), SIOCGARP, &request) == 0)
+        int error = 0;
+        if (ioctl(static_cast<int>(m_Socket->socketDescriptor()), SIOCGARP, &request) != 0)
+            error = errno;
+        else if (!(request.arp_flags & ATF_COM))
+            error = ENXIO; // the entry our nudge created is still being resolved: no address yet
+        else
             return std::memcmp(request.arp_ha.sa_data, m_PeerMac.data(), m_PeerMac.size()) == 0;
         if (attempt == cArpAttempts) {
             qCWarning(lcServiceListener,
                       "tServiceListener::IsPacketFromPeer(): attempt %u to obtain MAC for %s failed with error %d",
-                      attempt, senderText.constData(), errno);
+                      attempt, senderText.constData(), error);
             Nudge(sender);
             return false;
         }

@@ -52,4 +52,5 @@ private:
     int m_ExpiryMs;
     QString m_InterfaceName;
     QUdpSocket* m_Socket = nullptr;
+    bool m_PeerCheckWaited = false; // the current datagram's peer check had to sleep
 };

@@ -16,6 +16,24 @@
 tLinuxInterfaceMonitor::tLinuxInterfaceMonitor(QObject* parent)
     : tNetworkInterfaceMonitor(parent)
 {
+    Open();
+}
+
+tLinuxInterfaceMonitor::~tLinuxInterfaceMonitor()
+{
+    CloseUnadopted();
+}
+
+// Closes the descriptor unless the socket object adopted it (it then closes it itself).
+void tLinuxInterfaceMonitor::CloseUnadopted()
+{
+    if (m_NetlinkFd >= 0 && (!m_Socket || m_Socket->socketDescriptor() != m_NetlinkFd))
+        close(m_NetlinkFd);
+    m_NetlinkFd = -1;
+}
+
+void tLinuxInterfaceMonitor::Open()
+{
     m_NetlinkFd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
     if (m_NetlinkFd < 0) {
         qCWarning(lcNetworkInterfaceMonitor, "tLinuxInterfaceMonitor::tLinuxInterfaceMonitor : Failed to open NETLINK_ROUTE socket.");
@@ -34,14 +52,21 @@ tLinuxInterfaceMonitor::tLinuxInterfaceMonitor(QObject* parent)
         return;
     }
     connect(m_Socket, &QTcpSocket::readyRead, this, &tLinuxInterfaceMonitor::OnReadyRead);
+    // When notifications overflow the socket buffer, the kernel fails the next
+    // read with ENOBUFS and the socket object gives up on the descriptor.
+    connect(m_Socket, &QAbstractSocket::errorOccurred, this, &tLinuxInterfaceMonitor::OnSocketError);
     Resynchronise();
 }
 
-tLinuxInterfaceMonitor::~tLinuxInterfaceMonitor()
+void tLinuxInterfaceMonitor::OnSocketError()
 {
-    // The socket object closes the descriptor once it has adopted it.
-    if (m_NetlinkFd >= 0 && (!m_Socket || m_Socket->socketDescriptor() != m_NetlinkFd))
-        close(m_NetlinkFd);
+    qCWarning(lcNetworkInterfaceMonitor, "tLinuxInterfaceMonitor::OnReadyRead : Overrun error - resynchronizing.");
+    QTcpSocket* lost = m_Socket;
+    lost->disconnect(this);
+    lost->deleteLater();
+    m_Socket = nullptr;
+    m_NetlinkFd = -1;
+    Open();
 }
 
 void tLinuxInterfaceMonitor::AddInterface(const QString& name)
@@ -65,6 +90,7 @@ void tLinuxInterfaceMonitor::RemoveInterface(const QString& name)
 void tLinuxInterfaceMonitor::Resynchronise()
 {
     m_SyncPhase = cDumpingLinks;
+    m_DumpedAddresses.clear();
     SendMessageToKernel(RTM_GETLINK);
 }
 
@@ -120,6 +146,7 @@ void tLinuxInterfaceMonitor::ProcessMessage(const tNetlinkMessage& message, std:
         } else if (m_SyncPhase == cDumpingAddresses) {
             qCInfo(lcNetworkInterfaceMonitor, "tLinuxInterfaceMonitor::OnReadyRead : Retrieved address state, waiting for changes.");
             m_SyncPhase = cFollowingChanges;
+            ReplaceAddressesWithDump(touched);
         } else {
             qCWarning(lcNetworkInterfaceMonitor, "tLinuxInterfaceMonitor::OnReadyRead : Unexpected NLMSG_DONE message.");
         }
@@ -138,6 +165,26 @@ void tLinuxInterfaceMonitor::ProcessMessage(const tNetlinkMessage& message, std:
     ApplyNetlinkMessage(message, &state);
     m_States.insert(name, state);
     touched->insert(name);
+    if (m_SyncPhase == cDumpingAddresses) {
+        InterfaceState dumped;
+        dumped.addresses = m_DumpedAddresses.value(name);
+        ApplyNetlinkMessage(message, &dumped);
+        m_DumpedAddresses.insert(name, dumped.addresses);
+    }
+}
+
+// Addresses removed while notifications were lost are absent from the dump:
+// after a dump, an interface has exactly the addresses it reported.
+void tLinuxInterfaceMonitor::ReplaceAddressesWithDump(std::set<QString>* touched)
+{
+    for (auto it = m_States.begin(); it != m_States.end(); ++it) {
+        const QSet<quint32> dumped = m_DumpedAddresses.value(it.key());
+        if (it.value().addresses != dumped) {
+            it.value().addresses = dumped;
+            touched->insert(it.key());
+        }
+    }
+    m_DumpedAddresses.clear();
 }
 
 QString tLinuxInterfaceMonitor::InterfaceName(int index)

@@ -27,14 +27,18 @@ public:
 
 private slots:
     void OnReadyRead();
+    void OnSocketError();
 
 private:
     enum SyncPhase { cDumpingLinks = 0, cDumpingAddresses = 1, cFollowingChanges = 2 };
 
+    void Open();
+    void CloseUnadopted();
     void Resynchronise();
     void SendMessageToKernel(quint16 type);
     void ProcessMessage(const tNetlinkMessage& message, std::set<QString>* touched);
     QString InterfaceName(int index);
+    void ReplaceAddressesWithDump(std::set<QString>* touched);
 
     quint32 m_SequenceNumber = 1;
     std::set<QString> m_Watched;
@@ -44,4 +48,5 @@ private:
     QTcpSocket* m_Socket = nullptr;
     // A deleted link can no longer be named by the kernel; remember the names seen.
     QMap<int, QString> m_Names;
+    QMap<QString, QSet<quint32>> m_DumpedAddresses; // collected while dumping addresses
 };

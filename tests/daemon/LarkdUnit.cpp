@@ -58,6 +58,11 @@ tLarkdUnit::~tLarkdUnit()
     }
     if (!m_BusName.isEmpty())
         QDBusConnection::disconnectFromBus(m_BusName);
+    // Bus and simulator end just after larkd and may still write their files.
+    QElapsedTimer clock;
+    clock.start();
+    while (!m_State.remove() && !clock.hasExpired(3000))
+        QThread::msleep(50);
 }
 
 bool tLarkdUnit::Start(QString* error)

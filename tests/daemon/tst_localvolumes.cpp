@@ -54,6 +54,7 @@ private slots:
     void protocolFraming();
     void secondClientTakesOver();
     void signals_();
+    void clientListsAndFollows();
 
 private:
     QTemporaryDir m_Files;
@@ -80,6 +81,7 @@ void tLocalVolumesTest::initTestCase()
 void tLocalVolumesTest::cardsAndSticksAreMountedLinkedExportedAndReported()
 {
     tLarkdUnit unit(E2eUnitFile(), {QStringLiteral("--vfat"), cVfatOptions, QStringLiteral("--writeable-exports"),
+                                    QStringLiteral("--internal-share-path"), QStringLiteral("/srv/charts"),
                                     QStringLiteral("--content-id-file"), m_ContentIdFile,
                                     QStringLiteral("--serial-number-file"), m_SerialNumberFile});
     QString error;
@@ -114,10 +116,20 @@ void tLocalVolumesTest::cardsAndSticksAreMountedLinkedExportedAndReported()
     QCOMPARE(arrivals.first().value(QStringLiteral("path")), QJsonValue(QStringLiteral("/run/media/PHOTOS")));
     QCOMPARE(LinkTarget(unit.Inside(QStringLiteral("/run/media/Memory Card - 2"))), QStringLiteral("PHOTOS"));
 
+    // A new content ID is read when its file changes.
+    const QDateTime before = QFileInfo(m_ContentIdFile).lastModified();
+    QFile contentId(m_ContentIdFile);
+    QVERIFY(contentId.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    contentId.write("CONTENT-8\n");
+    contentId.close();
+    QVERIFY(contentId.open(QIODevice::ReadWrite));
+    QVERIFY(contentId.setFileTime(before.addSecs(5), QFileDevice::FileModificationTime));
+    contentId.close();
     QVERIFY(WriteMediumSysfs(QStringLiteral("usb"), QStringLiteral("stick")));
     QVERIFY(unit.Insert(QStringLiteral("usb"), QStringLiteral("stick")));
     arrivals = app.TakeArrivals(1);
     QCOMPARE(arrivals.size(), 1);
+    QCOMPARE(arrivals.first().value(QStringLiteral("contentid")), QJsonValue(QStringLiteral("CONTENT-8")));
     QCOMPARE(arrivals.first().value(QStringLiteral("friendlyname")), QJsonValue(QStringLiteral("USB Mass Storage")));
     QCOMPARE(arrivals.first().value(QStringLiteral("type")), QJsonValue(QStringLiteral("harddrive")));
     QCOMPARE(arrivals.first().value(QStringLiteral("key")), QJsonValue(QString()));
@@ -147,11 +159,13 @@ void tLocalVolumesTest::cardsAndSticksAreMountedLinkedExportedAndReported()
     QVERIFY2(exportOf(QStringLiteral("/run/media/CHARTS")).startsWith(QStringLiteral("-o\trw")), qPrintable(exports.join('\n')));
     QVERIFY2(exportOf(QStringLiteral("/run/media/PHOTOS")).startsWith(QStringLiteral("-o\trw")), qPrintable(exports.join('\n')));
     QVERIFY2(exportOf(QStringLiteral("/run/media/MAPS")).startsWith(QStringLiteral("-o\tro")), qPrintable(exports.join('\n')));
+    QVERIFY2(exportOf(QStringLiteral("/srv/charts")).startsWith(QStringLiteral("-o\tro")), qPrintable(exports.join('\n')));
 }
 
 void tLocalVolumesTest::withoutChartSharingVolumesAreLinkedButNotExported()
 {
-    tLarkdUnit unit(E2eUnitFile(), {QStringLiteral("--disable-chart-sharing")});
+    tLarkdUnit unit(E2eUnitFile(), {QStringLiteral("--disable-chart-sharing"), QStringLiteral("--internal-share-path"),
+                                    QStringLiteral("/srv/charts")});
     QString error;
     QVERIFY2(unit.Start(&error), qPrintable(error));
     QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
@@ -300,6 +314,43 @@ void tLocalVolumesTest::signals_()
     QVERIFY2(stopped, unit.Log().constData());
     QVERIFY(unit.Log().contains("tLarkDaemon::SignalHandler(): Handling SIGTERM"));
     QVERIFY(stillMounted);
+}
+
+void tLocalVolumesTest::clientListsAndFollows()
+{
+    tLarkdUnit unit(E2eUnitFile(), {QStringLiteral("--disable-chart-sharing")});
+    QString error;
+    QVERIFY2(unit.Start(&error), qPrintable(error));
+    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
+    const QString client = qEnvironmentVariable("LARKD_CLIENT_BINARY");
+    const QStringList port{QStringLiteral("--port"), QString::number(unit.Port())};
+
+    // list: one compact document a line, ended by a short silence.
+    const tFinishedProcess list = RunToEnd(client, port + QStringList{QStringLiteral("list"), QStringLiteral("--wait"), QStringLiteral("300")});
+    QCOMPARE(list.exitCode, 0);
+    const QList<QByteArray> lines = list.out.trimmed().split('\n');
+    QCOMPARE(lines.size(), 1);
+    QCOMPARE(QJsonDocument::fromJson(lines.first()).object().value(QStringLiteral("message")).toObject()
+                 .value(QStringLiteral("content")).toObject().value(QStringLiteral("dataarrival")).toObject()
+                 .value(QStringLiteral("path")).toString(),
+             QStringLiteral("/run/media/CHARTS"));
+
+    // follow: every message as it comes.
+    QProcess follow;
+    follow.start(client, port + QStringList{QStringLiteral("follow")});
+    QVERIFY(follow.waitForStarted());
+    QByteArray out;
+    QTRY_VERIFY_WITH_TIMEOUT((out += follow.readAllStandardOutput()).count('\n') == 1, 10000);
+    QVERIFY(unit.Insert(QStringLiteral("usb"), QStringLiteral("stick")));
+    QTRY_VERIFY_WITH_TIMEOUT((out += follow.readAllStandardOutput()).count('\n') == 2, 10000);
+    QVERIFY2(out.split('\n').at(1).contains(R"("path":"/run/media/STICK")"), out.constData());
+    SendSignal(follow, SIGTERM);
+    QVERIFY(follow.waitForFinished(5000));
+
+    // A request through the client goes to larkd like the application's own.
+    const tFinishedProcess share = RunToEnd(client, port + QStringList{QStringLiteral("share"), QStringLiteral("eth0")});
+    QCOMPARE(share.exitCode, 0);
+    QTRY_VERIFY(unit.Log().contains("Unexpected interface configuration message"));
 }
 
 LARKD_NAMESPACE_TEST_MAIN(tLocalVolumesTest)

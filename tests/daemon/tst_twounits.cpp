@@ -56,10 +56,15 @@ private slots:
     void cleanup();
     void peerCardBecomesARemoteVolume();
     void applicationLetsARemoteVolumeGo();
+    void eth0SharesOnceItHasALinkLocalAddress();
 
 private:
-    // Starts a unit inside its namespace with the application connected there,
-    // sharing on its end of the veth pair.
+    // A exports writable to its peer; B mounts below its NFS root. Both share
+    // on their ends of the veth pair as their applications ask, unless B is
+    // to watch "eth0" by itself.
+    bool StartUnits(bool unitBWatchesEth0 = false);
+    // Starts a unit inside its namespace with the application connected there;
+    // with an interface, the application asks to share on it.
     bool StartUnit(std::unique_ptr<tLarkdUnit>& unit, std::unique_ptr<tAppConnection>& app, const QString& netns,
                    const QString& interface, const QStringList& options);
 
@@ -84,13 +89,20 @@ void tTwoUnitsTest::init()
 {
     m_Pair.reset(new tNetnsPair);
     QVERIFY2(m_Pair->Error().isEmpty(), qPrintable(m_Pair->Error()));
-    // A exports writable to its peer; B mounts below its NFS root.
-    QVERIFY(StartUnit(m_UnitA, m_AppA, m_Pair->NamespaceA(), tNetnsPair::InterfaceA(),
-                      {QStringLiteral("--peer-mac"), tNetnsPair::MacB(), QStringLiteral("--writeable-exports")}));
-    QVERIFY(StartUnit(m_UnitB, m_AppB, m_Pair->NamespaceB(), tNetnsPair::InterfaceB(),
-                      {QStringLiteral("--peer-mac"), tNetnsPair::MacA(), QStringLiteral("--nfs-root"), cNfsRoot}));
+}
+
+bool tTwoUnitsTest::StartUnits(bool unitBWatchesEth0)
+{
+    const QStringList twoWay{QStringLiteral("--two-way-connection")};
+    if (!StartUnit(m_UnitA, m_AppA, m_Pair->NamespaceA(), tNetnsPair::InterfaceA(),
+                   twoWay + QStringList{QStringLiteral("--peer-mac"), tNetnsPair::MacB(), QStringLiteral("--writeable-exports")}))
+        return false;
+    const QStringList optionsB{QStringLiteral("--peer-mac"), tNetnsPair::MacA(), QStringLiteral("--nfs-root"), cNfsRoot};
+    if (!StartUnit(m_UnitB, m_AppB, m_Pair->NamespaceB(), unitBWatchesEth0 ? QString() : tNetnsPair::InterfaceB(),
+                   unitBWatchesEth0 ? optionsB : twoWay + optionsB))
+        return false;
     // Only A has a card, so B's application hears of A's volumes alone.
-    QVERIFY(m_UnitB->Remove(QStringLiteral("left")));
+    return m_UnitB->Remove(QStringLiteral("left"));
 }
 
 void tTwoUnitsTest::cleanup()
@@ -105,9 +117,7 @@ void tTwoUnitsTest::cleanup()
 bool tTwoUnitsTest::StartUnit(std::unique_ptr<tLarkdUnit>& unit, std::unique_ptr<tAppConnection>& app,
                               const QString& netns, const QString& interface, const QStringList& options)
 {
-    unit.reset(new tLarkdUnit(E2eUnitFile(), options + QStringList{QStringLiteral("--two-way-connection"),
-                                                                   QStringLiteral("--unmount-timeout-period"),
-                                                                   cExpiryMs}));
+    unit.reset(new tLarkdUnit(E2eUnitFile(), options + QStringList{QStringLiteral("--unmount-timeout-period"), cExpiryMs}));
     app.reset(new tAppConnection);
     // The unit's processes and the application's socket live in the namespace.
     if (!m_Pair->Enter(netns))
@@ -119,12 +129,14 @@ bool tTwoUnitsTest::StartUnit(std::unique_ptr<tLarkdUnit>& unit, std::unique_ptr
         qWarning("%s", qPrintable(error));
         return false;
     }
-    app->Send(AppRequest(QStringLiteral("chartsharing"), QJsonArray{interface}));
+    if (!interface.isEmpty())
+        app->Send(AppRequest(QStringLiteral("chartsharing"), QJsonArray{interface}));
     return true;
 }
 
 void tTwoUnitsTest::peerCardBecomesARemoteVolume()
 {
+    QVERIFY(StartUnits());
     // A's card, writable and exported writable to the peer, is mounted "rw".
     QList<QJsonObject> arrivals = m_AppB->TakeArrivals(1, 15000);
     QVERIFY2(arrivals.size() == 1, (m_UnitA->Log() + "\n=====B\n" + m_UnitB->Log()).constData());
@@ -137,9 +149,14 @@ void tTwoUnitsTest::peerCardBecomesARemoteVolume()
     QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")),
              QStringList{MountCall(QStringLiteral("/run/media/CHARTS"), cChartsDir, QStringLiteral("rw"))});
     QVERIFY(m_UnitB->MountTable().contains("169.254.10.1:/run/media/CHARTS " + (cNfsRoot + QLatin1Char('/') + cChartsDir).toUtf8()));
-    // A granted the peer its own writable export.
-    QVERIFY2(m_UnitA->Calls(QStringLiteral("exportfs")).filter(QStringLiteral("169.254.10.2:/run/media/CHARTS")).size() > 0,
-             qPrintable(m_UnitA->Calls(QStringLiteral("exportfs")).join('\n')));
+    // A grants the peer its own writable export once it hears from it (the
+    // multicast announcement of a card of B's own).
+    QVERIFY(WriteMediumSysfs(QStringLiteral("right"), QStringLiteral("photos")));
+    QVERIFY(m_UnitB->Insert(QStringLiteral("right"), QStringLiteral("photos")));
+    QCOMPARE(m_AppB->TakeArrivals(1).value(0).value(QStringLiteral("path")).toString(), QStringLiteral("/run/media/PHOTOS"));
+    QTRY_VERIFY_WITH_TIMEOUT(
+        m_UnitA->Calls(QStringLiteral("exportfs")).contains(QStringLiteral("-o\trw,no_root_squash,no_subtree_check\t169.254.10.2:/run/media/CHARTS")),
+        10000);
 
     // A read-only card is mounted "ro".
     QVERIFY(WriteMediumSysfs(QStringLiteral("extra"), QStringLiteral("maps")));
@@ -172,6 +189,7 @@ void tTwoUnitsTest::peerCardBecomesARemoteVolume()
 
 void tTwoUnitsTest::applicationLetsARemoteVolumeGo()
 {
+    QVERIFY(StartUnits());
     QCOMPARE(m_AppB->TakeArrivals(1, 15000).size(), 1);
 
     // Without "keepunmounted" the next announcement brings it back.
@@ -200,6 +218,28 @@ void tTwoUnitsTest::applicationLetsARemoteVolumeGo()
     QCOMPARE(arrivals.size(), 1);
     QCOMPARE(arrivals.first().value(QStringLiteral("path")).toString(), AppPath(cChartsDir));
     QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")).size(), 3);
+}
+
+void tTwoUnitsTest::eth0SharesOnceItHasALinkLocalAddress()
+{
+    // Unit B's end of the cable becomes its "eth0", with a routable address only.
+    const QStringList b{QStringLiteral("-n"), m_Pair->NamespaceB()};
+    QVERIFY(m_Pair->Ip(b + QStringList{"link", "set", tNetnsPair::InterfaceB(), "down"}));
+    QVERIFY(m_Pair->Ip(b + QStringList{"link", "set", tNetnsPair::InterfaceB(), "name", "eth0"}));
+    QVERIFY(m_Pair->Ip(b + QStringList{"addr", "flush", "dev", "eth0"}));
+    QVERIFY(m_Pair->Ip(b + QStringList{"addr", "add", "10.0.0.2/24", "dev", "eth0"}));
+    QVERIFY(m_Pair->Ip(b + QStringList{"link", "set", "eth0", "up"}));
+    QVERIFY(StartUnits(true));
+
+    QTest::qWait(2 * cExpiryMs.toInt());
+    QCOMPARE(m_AppB->TakeArrivals(0).size(), 0);
+    QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")), QStringList());
+
+    // The direct cable's link-local address starts sharing.
+    QVERIFY(m_Pair->Ip(b + QStringList{"addr", "add", "169.254.10.2/16", "dev", "eth0"}));
+    const QList<QJsonObject> arrivals = m_AppB->TakeArrivals(1, 15000);
+    QCOMPARE(arrivals.size(), 1);
+    QCOMPARE(arrivals.first().value(QStringLiteral("path")).toString(), AppPath(cChartsDir));
 }
 
 LARKD_NAMESPACE_TEST_MAIN(tTwoUnitsTest)

@@ -143,6 +143,7 @@ private slots:
     void wireBytesAndKeepAlive();
     void ownDatagramsNeverSignal();
     void oddDatagramsFromThePeer();
+    void unresolvableSenderIsNotThePeer();
 
 private:
     std::unique_ptr<tNetnsPair> m_Pair;
@@ -369,6 +370,28 @@ void tSharingNetnsTest::oddDatagramsFromThePeer()
     send(Header(1, 2) + QByteArray("p\0q\0r\0", 6) + "{\"ContentID\": \"C\n");
     QTRY_COMPARE_WITH_TIMEOUT(added.count(), 1, 5000);
     QCOMPARE(At(added, 0), Share("169.254.10.1:p", 0, "q", "r", false, true, QString(), QString(), QString()));
+}
+
+void tSharingNetnsTest::unresolvableSenderIsNotThePeer()
+{
+    // Unit A stops answering ARP and B forgets it, so its MAC cannot be learnt.
+    QVERIFY(m_Pair->Ip({"-n", m_Pair->NamespaceA(), "link", "set", "lk0", "arp", "off"}));
+    QVERIFY(m_Pair->Ip({"-n", m_Pair->NamespaceB(), "neigh", "flush", "dev", "lk1"}));
+    tServiceListener listener(tNetnsPair::MacA(), cExpiryMs);
+    listener.Start(tNetnsPair::InterfaceB(), nullptr);
+    QSignalSpy added(&listener, &tServiceListener::ServiceAdded);
+    QSignalSpy discovered(&listener, &tServiceListener::PeerDiscovered);
+
+    tShareUnit unit(*m_Pair, QString(), m_Dir.filePath(QStringLiteral("rmtab")));
+    QVERIFY(unit.Started());
+    QVERIFY(unit.Command({"start", "lk0"}));
+    QTest::ignoreMessage(QtWarningMsg, "tServiceListener::IsPacketFromPeer(): attempt 4 to obtain MAC for 169.254.10.1 failed with error 6");
+    QVERIFY(unit.Command({"add", "/charts/c", "1", "", "", "", "", "0"}));
+    QTRY_COMPARE_WITH_TIMEOUT(added.count(), 1, 5000);
+    unit.Kill();
+    QVERIFY(m_Pair->Ip({"-n", m_Pair->NamespaceA(), "link", "set", "lk0", "arp", "on"}));
+    QVERIFY(!At(added, 0).fromPeer);
+    QCOMPARE(discovered.count(), 0);
 }
 
 QTEST_GUILESS_MAIN(tSharingNetnsTest)

@@ -19,6 +19,7 @@ private slots:
     void cleanupTestCase();
     void addressesAndCarrierAreFollowed();
     void watchingEmitsKnownStateAtOnce();
+    void overrunResynchronises();
 
 private:
     QString LastStateText(const QSignalSpy& spy, const QString& name) const;
@@ -116,6 +117,35 @@ void tLinuxInterfaceMonitorTest::watchingEmitsKnownStateAtOnce()
     QVERIFY(m_Pair->Ip({"link", "set", "lo", "down"}));
     QTest::qWait(300);
     QCOMPARE(spy.count(), afterRemoval);
+}
+
+void tLinuxInterfaceMonitorTest::overrunResynchronises()
+{
+    tLinuxInterfaceMonitor monitor;
+    QSignalSpy spy(&monitor, &tNetworkInterfaceMonitor::StateChanged);
+    monitor.AddInterface(QStringLiteral("lk0"));
+    const quint32 doomed = QHostAddress(QStringLiteral("192.0.2.1")).toIPv4Address();
+    QVERIFY(m_Pair->Ip({"addr", "add", "192.0.2.1/32", "dev", "lk0"}));
+    QTRY_VERIFY_WITH_TIMEOUT(!spy.isEmpty() && spy.last().at(1).value<tState>().addresses.contains(doomed), 5000);
+    QSet<quint32> expected = spy.last().at(1).value<tState>().addresses;
+
+    // Far more notifications than the socket buffer holds arrive while the
+    // event loop is blocked, so the kernel drops some and says so.
+    QTemporaryFile batch;
+    QVERIFY(batch.open());
+    for (quint32 i = 0; i < 1000; ++i) {
+        const quint32 address = (10u << 24) | (77u << 16) | (i + 1);
+        batch.write(QStringLiteral("addr add %1/32 dev lk0\n").arg(QHostAddress(address).toString()).toLatin1());
+        expected.insert(address);
+    }
+    batch.close();
+    QTest::ignoreMessage(QtWarningMsg, "tLinuxInterfaceMonitor::OnReadyRead : Overrun error - resynchronizing.");
+    QVERIFY(m_Pair->Ip({"-batch", batch.fileName()}));
+    QVERIFY(m_Pair->Ip({"addr", "del", "192.0.2.1/32", "dev", "lk0"}));
+    expected.remove(doomed);
+
+    // The state comes back whole through a fresh dump, the deletion included.
+    QTRY_COMPARE_WITH_TIMEOUT(spy.last().at(1).value<tState>().addresses, expected, 10000);
 }
 
 QTEST_GUILESS_MAIN(tLinuxInterfaceMonitorTest)
