@@ -57,6 +57,15 @@ def free_loopback_port():
         return s.getsockname()[1]
 
 
+def _listening(port):
+    with open("/proc/net/tcp") as f:
+        for line in f.readlines()[1:]:
+            local, state = line.split()[1], line.split()[3]
+            if state == "0A" and int(local.split(":")[1], 16) == port:
+                return True
+    return False
+
+
 def check_host():
     """Skips the run, with the reason, on a machine that cannot run the lab."""
     if shutil.which("qemu-system-x86_64") is None:
@@ -151,7 +160,7 @@ class Machine:
 
     def __init__(self, lab, name, mac, net=None, sd=None, usb=None, memory=1024):
         self.lab, self.name, self.mac = lab, name, mac
-        self.sd, self.usb = sd, usb
+        self.sd, self.usb, self.net = sd, usb, net
         self.proc = None
         self.agent = None
         self.agent_buffer = b""
@@ -201,6 +210,14 @@ class Machine:
         self.proc = subprocess.Popen(self.argv, preexec_fn=_die_with_parent,
                                      stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                      stderr=open(self.console + ".qemu", "w"))
+        if self.net is not None and self.net[0] == "listen":
+            # The peer's qemu gives up if nobody listens yet.
+            deadline = time.monotonic() + 30
+            while not _listening(self.net[1]):
+                self._check_alive()
+                if time.monotonic() > deadline:
+                    raise LabError("%s: qemu does not listen on port %d" % (self.name, self.net[1]))
+                time.sleep(0.1)
 
     def wait_ready(self, timeout=240):
         """Waits until the guest agent answers; returns the boot time."""

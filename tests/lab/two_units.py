@@ -33,7 +33,6 @@ def main(build_dir):
         b = lab.machine("unitB", mac=MAC_B, net=("connect", port))
         started = time.monotonic()
         a.start()
-        time.sleep(1)  # B connects to A's listening socket
         b.start()
         a.wait_ready()
         b.wait_ready()
