@@ -1,6 +1,7 @@
 #include "daemon/LarkDaemon.h"
 
 #include "daemon/Logging.h"
+#include "storage/FileSystem.h"
 #include "sharing/ServiceListener.h"
 #include "sharing/ServicePublisher.h"
 #include "system/LinuxInterfaceMonitor.h"
@@ -85,7 +86,11 @@ tLarkDaemon::tLarkDaemon(const tDaemonConfig& config, QObject* parent)
     ManualScan();
 }
 
-tLarkDaemon::~tLarkDaemon() = default;
+tLarkDaemon::~tLarkDaemon()
+{
+    // Peer shares have no parent; they stay mounted, only the objects go.
+    qDeleteAll(m_RemoteFileSystems);
+}
 
 QString tLarkDaemon::ContentId()
 {

@@ -116,20 +116,26 @@ bool tLarkdUnit::Stop()
            && m_Process.exitCode() == 0;
 }
 
+bool tLarkdUnit::Control(const QString& method, const QVariantList& arguments, QString* error)
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(cControlService, cControlPath, cControlInterface, method);
+    call.setArguments(arguments);
+    return Succeeded(QDBusConnection(m_BusName).call(call), error);
+}
+
 bool tLarkdUnit::Insert(const QString& slot, const QString& medium, QString* error)
 {
-    QDBusMessage call = QDBusMessage::createMethodCall(cControlService, cControlPath, cControlInterface,
-                                                       QStringLiteral("Insert"));
-    call.setArguments({slot, medium});
-    return Succeeded(QDBusConnection(m_BusName).call(call), error);
+    return Control(QStringLiteral("Insert"), {slot, medium}, error);
 }
 
 bool tLarkdUnit::Remove(const QString& slot, QString* error)
 {
-    QDBusMessage call = QDBusMessage::createMethodCall(cControlService, cControlPath, cControlInterface,
-                                                       QStringLiteral("Remove"));
-    call.setArguments({slot});
-    return Succeeded(QDBusConnection(m_BusName).call(call), error);
+    return Control(QStringLiteral("Remove"), {slot}, error);
+}
+
+bool tLarkdUnit::UnmountBehind(const QString& node, QString* error)
+{
+    return Control(QStringLiteral("Unmount"), {node}, error);
 }
 
 QStringList tLarkdUnit::SimulatorCalls()

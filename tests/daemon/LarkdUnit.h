@@ -32,6 +32,8 @@ public:
 
     bool Insert(const QString& slot, const QString& medium, QString* error = nullptr);
     bool Remove(const QString& slot, QString* error = nullptr);
+    // Unmounts behind larkd's back, as another program would.
+    bool UnmountBehind(const QString& node, QString* error = nullptr);
     // The simulator's own record: "Mount NODE PATH OPTIONS...", "Unmount NODE", ...
     QStringList SimulatorCalls();
 
@@ -48,6 +50,8 @@ public:
     QString Inside(const QString& path) const;
 
 private:
+    bool Control(const QString& method, const QVariantList& arguments, QString* error);
+
     QString m_UnitFile;
     QStringList m_Options;
     QTemporaryDir m_State;

@@ -210,6 +210,15 @@ void tLocalVolumesTest::removalIsReportedUnmountedAndItsLinkSwept()
     // The mount directory went with the unmount; its dangling link is swept.
     QTRY_VERIFY(!QFileInfo(unit.Inside(QStringLiteral("/run/media/Memory Card - 1"))).isSymLink());
     QVERIFY(QFileInfo(unit.Inside(QStringLiteral("/run/media/PHOTOS"))).isDir());
+
+    // Unmounted by someone else: reported gone, and larkd unmounts it too
+    // (which the service refuses, the volume being unmounted already).
+    QVERIFY(unit.UnmountBehind(QStringLiteral("mmcblk3p1")));
+    arrivals = app.TakeArrivals(1);
+    QCOMPARE(arrivals.size(), 1);
+    QCOMPARE(arrivals.first().value(QStringLiteral("path")), QJsonValue(QStringLiteral("/run/media/PHOTOS")));
+    QVERIFY(arrivals.first().value(QStringLiteral("type")).isNull());
+    QVERIFY(unit.SimulatorCalls().contains(QStringLiteral("Unmount-refused mmcblk3p1")));
 }
 
 void tLocalVolumesTest::protocolFraming()
