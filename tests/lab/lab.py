@@ -96,8 +96,8 @@ def make_vfat_image(path, label, files, size_mib=64, partitioned=True):
         subprocess.run(["sfdisk", "-q", path], input="label: dos\nstart=2048, type=c\n",
                        text=True, check=True)
         offset = 2048 * 512
-    sectors = (size - offset) // 1024
-    subprocess.run(["mkfs.vfat", "-n", label, "--offset", str(offset // 512), path, str(sectors)],
+    blocks = (size - offset) // 1024  # mkfs.vfat counts 1 KiB blocks
+    subprocess.run(["mkfs.vfat", "-n", label, "--offset", str(offset // 512), path, str(blocks)],
                    check=True, stdout=subprocess.DEVNULL)
     target = "%s@@%d" % (path, offset)
     for name, content in files.items():

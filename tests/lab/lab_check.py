@@ -11,6 +11,7 @@ import os
 import sys
 import time
 
+sys.dont_write_bytecode = True  # nothing written into the source tree
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from lab import Lab, LabError, free_loopback_port, log, make_vfat_image  # noqa: E402
 from unit import Unit  # noqa: E402
@@ -76,7 +77,7 @@ def main(build_dir):
         card = lab.path("card.img")
         stick = lab.path("stick.img")
         make_vfat_image(card, "LABCARD", {"chart.txt": "card chart\n"})
-        make_vfat_image(stick, "LABSTICK", {"route.txt": "stick route\n"}, partitioned=True)
+        make_vfat_image(stick, "LABSTICK", {"route.txt": "stick route\n"})
         port = free_loopback_port()
         a = lab.machine("unitA", mac="52:54:00:00:01:0a", net=("listen", port), sd=card, usb=stick)
         b = lab.machine("unitB", mac="52:54:00:00:01:0b", net=("connect", port))

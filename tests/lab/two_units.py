@@ -9,6 +9,7 @@ import os
 import sys
 import time
 
+sys.dont_write_bytecode = True  # nothing written into the source tree
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from lab import Lab, LabError, free_loopback_port, log, make_vfat_image  # noqa: E402
 from unit import Unit, is_removal  # noqa: E402
