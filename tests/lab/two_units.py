@@ -12,7 +12,7 @@ import time
 sys.dont_write_bytecode = True  # nothing written into the source tree
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from lab import Lab, LabError, free_loopback_port, log, make_vfat_image  # noqa: E402
-from unit import Unit, is_removal  # noqa: E402
+from unit import Unit, arrival, is_removal  # noqa: E402
 
 MAC_A, MAC_B = "52:54:00:00:00:0a", "52:54:00:00:00:0b"
 ADDR_A, ADDR_B = "169.254.10.1", "169.254.10.2"
@@ -66,6 +66,12 @@ def main(build_dir):
         expect(content == "card chart", "reading A's card over NFS gave %r" % content)
         expect(card_path in b.sh("cat /run/lab-mount.log"), "the mount did not go through the lab's wrapper")
         times["discover and mount"] = time.monotonic() - started
+
+        # A remote volume that goes and comes back while its peer is fine has
+        # expired between announcements; seen once on a host starved of CPU.
+        flaps = sum(1 for msg in ub.messages() if is_removal(arrival(msg)))
+        if flaps:
+            log("note: B's application saw %d removal(s) of A's card before it was pulled" % flaps)
 
         started = time.monotonic()
         a.pull_card()
