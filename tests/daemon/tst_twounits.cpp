@@ -56,7 +56,7 @@ private slots:
     void cleanup();
     void peerCardBecomesARemoteVolume();
     void applicationLetsARemoteVolumeGo();
-    void eth0SharesOnceItHasALinkLocalAddress();
+    void eth0SharesWhileUpWithALinkLocalAddress();
 
 private:
     // A exports writable to its peer; B mounts below its NFS root. Both share
@@ -220,7 +220,7 @@ void tTwoUnitsTest::applicationLetsARemoteVolumeGo()
     QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")).size(), 3);
 }
 
-void tTwoUnitsTest::eth0SharesOnceItHasALinkLocalAddress()
+void tTwoUnitsTest::eth0SharesWhileUpWithALinkLocalAddress()
 {
     // Unit B's end of the cable becomes its "eth0", with a routable address only.
     const QStringList b{QStringLiteral("-n"), m_Pair->NamespaceB()};
@@ -237,7 +237,17 @@ void tTwoUnitsTest::eth0SharesOnceItHasALinkLocalAddress()
 
     // The direct cable's link-local address starts sharing.
     QVERIFY(m_Pair->Ip(b + QStringList{"addr", "add", "169.254.10.2/16", "dev", "eth0"}));
-    const QList<QJsonObject> arrivals = m_AppB->TakeArrivals(1, 15000);
+    QList<QJsonObject> arrivals = m_AppB->TakeArrivals(1, 15000);
+    QCOMPARE(arrivals.size(), 1);
+    QCOMPARE(arrivals.first().value(QStringLiteral("path")).toString(), AppPath(cChartsDir));
+
+    // Link down: sharing stops, so the peer's share expires; up: it starts again.
+    QVERIFY(m_Pair->Ip(b + QStringList{"link", "set", "eth0", "down"}));
+    arrivals = m_AppB->TakeArrivals(1, 15000);
+    QCOMPARE(arrivals.size(), 1);
+    QVERIFY(IsRemoval(arrivals.first(), AppPath(cChartsDir)));
+    QVERIFY(m_Pair->Ip(b + QStringList{"link", "set", "eth0", "up"}));
+    arrivals = m_AppB->TakeArrivals(1, 20000);
     QCOMPARE(arrivals.size(), 1);
     QCOMPARE(arrivals.first().value(QStringLiteral("path")).toString(), AppPath(cChartsDir));
 }
