@@ -56,7 +56,7 @@ private slots:
     void cleanup();
     void peerCardBecomesARemoteVolume();
     void applicationLetsARemoteVolumeGo();
-    void eth0SharesOnceItHasALinkLocalAddress();
+    void eth0SharesWhileUpWithALinkLocalAddress();
 
 private:
     // A exports writable to its peer; B mounts below its NFS root. Both share
@@ -95,14 +95,19 @@ bool tTwoUnitsTest::StartUnits(bool unitBWatchesEth0)
 {
     const QStringList twoWay{QStringLiteral("--two-way-connection")};
     if (!StartUnit(m_UnitA, m_AppA, m_Pair->NamespaceA(), tNetnsPair::InterfaceA(),
-                   twoWay + QStringList{QStringLiteral("--peer-mac"), tNetnsPair::MacB(), QStringLiteral("--writeable-exports")}))
+                   twoWay + QStringList{QStringLiteral("--peer-mac"), tNetnsPair::MacB(), QStringLiteral("--writeable-exports"),
+                                        QStringLiteral("--code-name"), QStringLiteral("alpha")}))
         return false;
-    const QStringList optionsB{QStringLiteral("--peer-mac"), tNetnsPair::MacA(), QStringLiteral("--nfs-root"), cNfsRoot};
-    if (!StartUnit(m_UnitB, m_AppB, m_Pair->NamespaceB(), unitBWatchesEth0 ? QString() : tNetnsPair::InterfaceB(),
-                   unitBWatchesEth0 ? optionsB : twoWay + optionsB))
-        return false;
+    const QStringList optionsB{QStringLiteral("--nfs-root"), cNfsRoot};
+    // Watching eth0, B does not know A by its MAC address but treats units
+    // of A's class as local storage.
+    const bool started = unitBWatchesEth0
+        ? StartUnit(m_UnitB, m_AppB, m_Pair->NamespaceB(), QString(),
+                    optionsB + QStringList{QStringLiteral("--treat-remote-as-local"), QStringLiteral("alpha")})
+        : StartUnit(m_UnitB, m_AppB, m_Pair->NamespaceB(), tNetnsPair::InterfaceB(),
+                    twoWay + optionsB + QStringList{QStringLiteral("--peer-mac"), tNetnsPair::MacA()});
     // Only A has a card, so B's application hears of A's volumes alone.
-    return m_UnitB->Remove(QStringLiteral("left"));
+    return started && m_UnitB->Remove(QStringLiteral("left"));
 }
 
 void tTwoUnitsTest::cleanup()
@@ -220,7 +225,7 @@ void tTwoUnitsTest::applicationLetsARemoteVolumeGo()
     QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")).size(), 3);
 }
 
-void tTwoUnitsTest::eth0SharesOnceItHasALinkLocalAddress()
+void tTwoUnitsTest::eth0SharesWhileUpWithALinkLocalAddress()
 {
     // Unit B's end of the cable becomes its "eth0", with a routable address only.
     const QStringList b{QStringLiteral("-n"), m_Pair->NamespaceB()};
@@ -235,9 +240,24 @@ void tTwoUnitsTest::eth0SharesOnceItHasALinkLocalAddress()
     QCOMPARE(m_AppB->TakeArrivals(0).size(), 0);
     QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")), QStringList());
 
-    // The direct cable's link-local address starts sharing.
+    // The direct cable's link-local address starts sharing. A's writable
+    // card is mounted "rw" and reported as local storage.
     QVERIFY(m_Pair->Ip(b + QStringList{"addr", "add", "169.254.10.2/16", "dev", "eth0"}));
-    const QList<QJsonObject> arrivals = m_AppB->TakeArrivals(1, 15000);
+    QList<QJsonObject> arrivals = m_AppB->TakeArrivals(1, 15000);
+    QCOMPARE(arrivals.size(), 1);
+    QCOMPARE(arrivals.first().value(QStringLiteral("path")).toString(), AppPath(cChartsDir));
+    QCOMPARE(arrivals.first().value(QStringLiteral("remote")), QJsonValue(false));
+    QCOMPARE(arrivals.first().value(QStringLiteral("readonly")), QJsonValue(false));
+    QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")),
+             QStringList{MountCall(QStringLiteral("/run/media/CHARTS"), cChartsDir, QStringLiteral("rw"))});
+
+    // Link down: sharing stops, so the peer's share expires; up: it starts again.
+    QVERIFY(m_Pair->Ip(b + QStringList{"link", "set", "eth0", "down"}));
+    arrivals = m_AppB->TakeArrivals(1, 15000);
+    QCOMPARE(arrivals.size(), 1);
+    QVERIFY(IsRemoval(arrivals.first(), AppPath(cChartsDir)));
+    QVERIFY(m_Pair->Ip(b + QStringList{"link", "set", "eth0", "up"}));
+    arrivals = m_AppB->TakeArrivals(1, 20000);
     QCOMPARE(arrivals.size(), 1);
     QCOMPARE(arrivals.first().value(QStringLiteral("path")).toString(), AppPath(cChartsDir));
 }

@@ -4,7 +4,6 @@
 
 #include "sharing/NfsData.h"
 #include "storage/NfsFileSystem.h"
-#include "storage/NfsFileSystemInfo.h"
 
 #include <QtTest>
 
@@ -14,7 +13,6 @@ class tNfsFileSystemTest : public QObject
 private slots:
     void initTestCase();
     void init();
-    void descriptionCopiesTheAnnouncement();
     void mountPathFollowsRootAndSource();
     void mountRunsMountAndKeepsThePath();
     void remountChecksWhetherStillMounted();
@@ -59,33 +57,8 @@ tNfsData tNfsFileSystemTest::Share() const
 {
     tNfsData share;
     share.source = QStringLiteral("169.254.3.7:/run/media/CHARTS");
-    share.shareType = 1;
-    share.name = QStringLiteral("035344534c31364780b1d4a4c5011600");
     share.detail = QStringLiteral("Memory Card - Left");
-    share.readOnly = true;
-    share.fromPeer = true;
-    share.contentId = QStringLiteral("CONTENT-7");
-    share.serialNumber = QStringLiteral("SN-0042");
-    share.codeName = QStringLiteral("alpha");
     return share;
-}
-
-void tNfsFileSystemTest::descriptionCopiesTheAnnouncement()
-{
-    tNfsFileSystem fileSystem(Share());
-    const tFileSystemInfo* info = fileSystem.Info();
-    QCOMPARE(info->IdType(), QStringLiteral("nfs"));
-    QCOMPARE(info->FriendlyName(), QStringLiteral("Memory Card - Left"));
-    QCOMPARE(info->SymlinkName(), QString());
-    QCOMPARE(info->Cid(), Share().name);
-    QCOMPARE(info->ContentId(), QStringLiteral("CONTENT-7"));
-    QCOMPARE(info->SerialNumber(), QStringLiteral("SN-0042"));
-    QCOMPARE(info->CodeName(), QStringLiteral("alpha"));
-    QVERIFY(info->ReadOnly() && info->FromPeer());
-    QVERIFY(fileSystem.IsValid());
-    QVERIFY(!tNfsFileSystem(tNfsData()).IsValid());
-    // Never mounted: one empty mount point.
-    QCOMPARE(fileSystem.MountPoints(), QStringList{QString()});
 }
 
 void tNfsFileSystemTest::mountPathFollowsRootAndSource()
@@ -101,6 +74,8 @@ void tNfsFileSystemTest::mountPathFollowsRootAndSource()
 void tNfsFileSystemTest::mountRunsMountAndKeepsThePath()
 {
     tNfsFileSystem fileSystem(Share());
+    // Never mounted: one empty mount point.
+    QCOMPARE(fileSystem.MountPoints(), QStringList{QString()});
     fileSystem.SetMountRoot(m_Dir.path());
     const QString expected = m_Dir.filePath(QStringLiteral("169.254.3.7:-run-media-CHARTS"));
     QCOMPARE(fileSystem.Mount(QStringLiteral("rsize=1280,ro")), expected);
