@@ -60,8 +60,10 @@ def main(build_dir):
         expect(remote["friendlyname"] == "Memory Card - Left",
                "B reported the name %s" % remote["friendlyname"])
         expect(remote["readonly"] is True, "A's card arrived writable on B: %s" % remote)
-        # B knows A by its MAC: a share from the peer is not reported remote.
+        # B knows A by its MAC: a share from the peer is not reported remote,
+        # and A's address becomes B's peer address.
         expect(remote["remote"] is False, "B did not take A's share for its peer's: %s" % remote)
+        expect("Discovered peer IP address: " + ADDR_A in ub.journal(), "B never discovered A's address")
         content = b.sh("cat %s/chart.txt" % repr(target))
         expect(content == "card chart", "reading A's card over NFS gave %r" % content)
         expect(card_path in b.sh("cat /run/lab-mount.log"), "the mount did not go through the lab's wrapper")
