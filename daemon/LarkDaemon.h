@@ -1,13 +1,33 @@
 #pragma once
 
 #include "daemon/DaemonConfig.h"
+#include "system/NetworkInterfaceMonitor.h"
 
+#include <QByteArray>
+#include <QDateTime>
+#include <QList>
+#include <QMap>
 #include <QObject>
+#include <QString>
 
+#include <vector>
+
+class QTcpServer;
+class QTcpSocket;
+class tFileSystem;
+class tFileSystemInfo;
+class tLinuxInterfaceMonitor;
+class tServiceListener;
+class tServicePublisher;
+class tUDisks2;
 class tUnixSignalNotifier;
+struct tNfsData;
+struct tVolumeDescription;
 
 // The daemon's central object: owns every long-lived part and reacts to
-// their events on the one event-loop thread.
+// their events on the one event-loop thread. Its work is split by subject:
+// lifecycle here, local volumes in MountingFlow.cpp, the display
+// application in AppProtocol.cpp, peer shares in RemoteShares.cpp.
 class tLarkDaemon : public QObject
 {
     Q_OBJECT
@@ -15,9 +35,77 @@ public:
     explicit tLarkDaemon(const tDaemonConfig& config, QObject* parent = nullptr);
     ~tLarkDaemon() override;
 
+    // The first word of each file, re-read whenever the file's modification
+    // time differs from the last read.
+    QString ContentId();
+    QString SerialNumber();
+
+    // The mount point as the display application sees it: below "/mnt" when
+    // it lies below the NFS root.
+    static QString PathForApp(const QString& nfsRoot, const QString& mountPoint);
+
+    void AddNfsShare(const tNfsData& share);
+    void RemoveNfsShare(const tNfsData& share);
+
 private slots:
+    void OnAppPendingConnection();
+    void OnReadyRead();
+    void OnFileSystemAdded(const QString& node);
+    void OnFileSystemChanged(const QString& node);
+    void OnFileSystemRemoved(const QString& node);
     void SignalHandler(int sigNum);
+    void OnNetworkInterfaceStateChanged(const QString& name, const tNetworkInterfaceMonitor::InterfaceState& state);
 
 private:
+    // Mounting flow
+    void MakeFriendlySymlink(const QString& mountPoint, const QString& friendlyName);
+    void RemoveStaleLinks(const QString& directory);
+    void ManualScan();
+    void UnmountAll();
+
+    // Display-application protocol
+    void StartServer();
+    void RepublishAll();
+    void ProcessMessage(const QByteArray& message);
+    void DropRemoteVolume(const QString& path, bool keepUnmounted);
+    bool AppConnected() const;
+    // Sends one "dataarrival" document, NUL-terminated; returns its text.
+    QByteArray SendToApp(const tVolumeDescription& description);
+    void StopSharing();
+
+    // Remote shares
+    bool TreatedAsLocal(const tFileSystemInfo& info) const;
+    tVolumeDescription RemoteDescription(const tFileSystemInfo& info, const QString& mountPath) const;
+
+    static QString ReadFirstWord(const QString& file, QDateTime& lastModified, QString& word);
+
     tUnixSignalNotifier* m_SignalNotifier = nullptr;
+    tServicePublisher* m_Publisher = nullptr;
+    tServiceListener* m_Listener = nullptr;
+    quint16 m_Port;
+    tUDisks2* m_UDisks2 = nullptr;
+    QMap<QString, tFileSystem*> m_FileSystems;
+    QList<tFileSystem*> m_RemoteFileSystems;
+    QList<tFileSystem*> m_MountedFileSystems;
+    QString m_VfatMountOpts;
+    QString m_InternalSharePath;
+    bool m_ChartSharingEnabled;
+    QString m_ContentIdFile;
+    QString m_ContentId;
+    QDateTime m_ContentIdTime;
+    QString m_SerialNumberFile;
+    bool m_WriteableExports;
+    bool m_TwoWayConnection;
+    qint32 m_UnmountTimeoutPeriod;
+    QString m_SerialNumber;
+    QDateTime m_SerialNumberTime;
+    QString m_NfsRoot;
+    QString m_CodeName;
+    QString m_TreatRemoteAsLocal;
+    QTcpSocket* m_AppSocket = nullptr;
+    QTcpServer* m_AppServer = nullptr;
+    std::vector<char> m_ReceiveBuffer;
+    QByteArray m_PendingBytes;
+    tLinuxInterfaceMonitor* m_InterfaceMonitor = nullptr;
+    bool m_SharingActive = false;
 };

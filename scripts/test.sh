@@ -2,14 +2,15 @@
 # Sets up, builds and runs the whole test suite twice: a normal build, then a
 # clang build with AddressSanitizer and UndefinedBehaviorSanitizer in which
 # any sanitizer report, from a test or from a process it started, fails.
-# Last, the armhf cross build runs its tests under emulation.
+# Then the armhf cross build runs its tests under emulation; last, the
+# scenarios in virtual machines (label "vm") run once, against the normal build.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 jobs=$(nproc)
 
 echo "== normal build"
 "$root/scripts/setup.sh" build -DLARKD_WERROR=ON
-(cd "$root/build" && ctest --output-on-failure -j"$jobs")
+(cd "$root/build" && ctest --output-on-failure -j"$jobs" -LE vm)
 
 echo "== sanitizer build (ASan + UBSan)"
 "$root/scripts/setup.sh" build-asan -DLARKD_WERROR=ON -DLARKD_SANITIZE=ON -DLARKD_FUZZ=ON -DCMAKE_BUILD_TYPE=Debug \
@@ -20,7 +21,7 @@ export ASAN_OPTIONS="halt_on_error=1:detect_leaks=1:log_path=$reports/asan"
 export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1:log_path=$reports/ubsan"
 export LSAN_OPTIONS="suppressions=$root/tests/lsan.supp:print_suppressions=0"
 status=0
-(cd "$root/build-asan" && ctest --output-on-failure -j"$jobs") || status=$?
+(cd "$root/build-asan" && ctest --output-on-failure -j"$jobs" -LE vm) || status=$?
 if compgen -G "$reports/*" >/dev/null; then
     echo "sanitizer reports:"
     cat "$reports"/*
@@ -29,4 +30,10 @@ fi
 
 echo "== armhf cross build, tests under emulation"
 env -u ASAN_OPTIONS -u UBSAN_OPTIONS -u LSAN_OPTIONS "$root/scripts/cross-armhf.sh" || status=1
+
+echo "== lab: scenarios in virtual machines (tests/lab)"
+# Verbose: the scenarios print their timings, and the reason when a machine
+# that cannot run qemu skips them.
+(cd "$root/build" && env -u ASAN_OPTIONS -u UBSAN_OPTIONS -u LSAN_OPTIONS \
+    ctest -V -L vm) || status=1
 exit "$status"

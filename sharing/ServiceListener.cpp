@@ -72,6 +72,21 @@ void tServiceListener::Stop()
     m_Socket->close();
 }
 
+void tServiceListener::DropService(const QString& source, bool keepUnmounted)
+{
+    if (!m_Services.contains(source))
+        return;
+    const tNfsData share = m_Services.take(source);
+    if (keepUnmounted) {
+        // Its timer goes on measuring how long the peer keeps announcing it.
+        m_Ignored.insert(source);
+    } else {
+        // The next announcement brings the share back with a timer of its own.
+        delete m_Timers.take(source);
+    }
+    Q_EMIT ServiceRemoved(share);
+}
+
 void tServiceListener::OnReadyRead()
 {
     while (m_Socket->hasPendingDatagrams()) {
@@ -128,8 +143,12 @@ bool tServiceListener::ProcessDatagram(const QByteArray& datagram, const QHostAd
 
     switch (message.type) {
     case ShareDatagram::cSharePresent:
-        if (m_Ignored.contains(share.source))
+        if (m_Ignored.contains(share.source)) {
+            // Still announced: keep it ignored for another period.
+            if (QTimer* timer = m_Timers.value(share.source))
+                timer->start(m_ExpiryMs);
             return false;
+        }
         if (!m_Services.contains(share.source)) {
             m_Services.insert(share.source, share);
             auto* timer = new QTimer(this);
@@ -166,6 +185,7 @@ void tServiceListener::OnServiceTimeout()
     Q_EMIT ServiceRemoved(m_Services.value(key));
     m_Services.remove(key);
     m_Timers.remove(key);
+    m_Ignored.remove(key);
     timer->deleteLater();
 }
 

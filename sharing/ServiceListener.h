@@ -23,6 +23,10 @@ public:
 
     void Start(const QString& interfaceName, const QHostAddress* bindAddress);
     void Stop();
+    // Lets go of a share at the display application's request: reports it
+    // removed at once. With keepUnmounted its announcements are then ignored
+    // until the peer stops making them, so it is not mounted again meanwhile.
+    void DropService(const QString& source, bool keepUnmounted);
 
 signals:
     void ServiceAdded(const tNfsData& nfsData);
@@ -42,7 +46,7 @@ private:
 
     QMap<QString, tNfsData> m_Services;
     QMap<QString, QTimer*> m_Timers;
-    QSet<QString> m_Ignored; // nothing fills it yet; announcements from these are skipped
+    QSet<QString> m_Ignored; // dropped and kept unmounted; their announcements are skipped
     std::array<unsigned char, 6> m_PeerMac{};
     bool m_PeerCheckEnabled = false;
     int m_ExpiryMs;

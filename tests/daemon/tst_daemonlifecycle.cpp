@@ -16,7 +16,8 @@ void tDaemonLifecycleTest::hupIsIgnoredAndTermEndsWithZero()
 {
     QProcess larkd;
     larkd.setProcessChannelMode(QProcess::SeparateChannels);
-    larkd.start(LarkdBinary(), {"--disable-syslog"});
+    // No sharing and no fixed port: this larkd runs on the machine's own network.
+    larkd.start(LarkdBinary(), {"--disable-syslog", "--disable-chart-sharing", "--port", "0"});
     QVERIFY(larkd.waitForStarted());
     // Before its handlers are installed a SIGHUP would still be fatal.
     QTRY_VERIFY_WITH_TIMEOUT(CatchesSignal(larkd, SIGHUP) && CatchesSignal(larkd, SIGTERM), 10000);

@@ -106,7 +106,9 @@ void tSyslogTest::daemonLogsToSyslogUnlessDisabled()
         tLogSink sink(socketPath);
         QVERIFY(sink.IsBound());
         QProcess larkd;
-        QStringList args = {socketPath, LarkdBinary()};
+        // No interface watched for sharing and no default port: this larkd
+        // runs on the machine's own network.
+        QStringList args = {socketPath, LarkdBinary(), "--disable-chart-sharing", "--port", "0"};
         if (disabled)
             args << "--disable-syslog";
         larkd.start(TestScript("with-devlog.sh"), args);

@@ -1,0 +1,176 @@
+// The daemon's handling of local volumes: mount, publish, link and announce
+// what UDisks2 reports, and undo it when the volume goes.
+
+#include "daemon/LarkDaemon.h"
+
+#include "daemon/Logging.h"
+#include "sharing/ServicePublisher.h"
+#include "storage/FileSystem.h"
+#include "storage/FileSystemInfo.h"
+#include "storage/VolumeDescription.h"
+#include "udisks2/UDisks2.h"
+#include "udisks2/UDisks2Block.h"
+#include "udisks2/UDisks2FileSystem.h"
+
+#include <QDebug>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+namespace
+{
+const char* const cMediaDirectory = "/run/media";
+constexpr int cLocalShareType = 1;
+constexpr int cInternalShareType = 0;
+
+QString MediaDirectory()
+{
+    return QString::fromLatin1(cMediaDirectory);
+}
+
+// The map in QDebug's own form: QMap((key, value), ...).
+QByteArray Describe(const QMap<QString, tFileSystem*>& fileSystems)
+{
+    QString text;
+    QDebug(&text).nospace().noquote() << fileSystems;
+    return text.toUtf8();
+}
+} // namespace
+
+QString tLarkDaemon::PathForApp(const QString& nfsRoot, const QString& mountPoint)
+{
+    if (!nfsRoot.isEmpty() && mountPoint.startsWith(nfsRoot))
+        return QStringLiteral("/mnt") + mountPoint.mid(nfsRoot.size());
+    return mountPoint;
+}
+
+void tLarkDaemon::OnFileSystemAdded(const QString& node)
+{
+    qCDebug(lcDaemon, "tLarkDaemon::OnFileSystemAdded(): node = %s", qUtf8Printable(node));
+    // A node is handled once while mounted. A rescan enters nodes in the map
+    // unmounted (SIGUSR2 unmounts first), and those must be mounted again.
+    if (m_FileSystems.contains(node) && m_MountedFileSystems.contains(m_FileSystems.value(node)))
+        return;
+    tUDisks2Block* block = tUDisks2::Block(node);
+    tFileSystem* fileSystem = block ? block->FileSystem() : nullptr;
+    if (!fileSystem)
+        return;
+    m_FileSystems.insert(node, fileSystem);
+
+    const bool vfat = block->Property(QStringLiteral("IdType")).toString() == QLatin1String("vfat");
+    const QString mountPoint = fileSystem->Mount(vfat ? m_VfatMountOpts : QString());
+    if (mountPoint.isEmpty()) {
+        qCWarning(lcDaemon, "tLarkDaemon::OnFileSystemAdded(): failed to mount");
+        m_FileSystems.remove(node);
+        return;
+    }
+    qCDebug(lcDaemon, "tLarkDaemon::OnFileSystemAdded(): mounted at %s", qUtf8Printable(mountPoint));
+    m_MountedFileSystems.append(fileSystem);
+    const QString contentId = ContentId();
+    const QString serialNumber = SerialNumber();
+
+    const tFileSystemInfo* info = fileSystem->Info();
+    const QString friendlyName = info->FriendlyName();
+    const QString cid = info->Cid();
+    const bool readOnly = info->ReadOnly();
+
+    if (m_Publisher) {
+        if (m_ChartSharingEnabled) {
+            m_Publisher->AddServiceNFS(mountPoint, cLocalShareType, cid, contentId, serialNumber, friendlyName,
+                                       readOnly || !m_WriteableExports);
+        }
+        MakeFriendlySymlink(mountPoint, info->SymlinkName());
+    }
+
+    if (AppConnected() && !friendlyName.isEmpty()) {
+        SendToApp(tVolumeDescription(true, !cid.isEmpty(), false, false, readOnly, PathForApp(m_NfsRoot, mountPoint),
+                                     friendlyName, cid, contentId, serialNumber));
+    }
+}
+
+void tLarkDaemon::OnFileSystemRemoved(const QString& node)
+{
+    qCDebug(lcDaemon, "tLarkDaemon::OnFileSystemRemoved(): node = %s", qUtf8Printable(node));
+    if (!m_FileSystems.contains(node))
+        return;
+    tFileSystem* fileSystem = m_FileSystems.value(node);
+    const QStringList mountPoints = fileSystem->MountPoints();
+
+    if (m_Publisher && m_MountedFileSystems.contains(fileSystem) && !mountPoints.isEmpty()) {
+        m_Publisher->RemoveServiceNFS(mountPoints.first());
+        if (AppConnected()) {
+            SendToApp(tVolumeDescription(QVariant(), QVariant(), QVariant(), QVariant(), QVariant(),
+                                         PathForApp(m_NfsRoot, mountPoints.first()), QVariant(), QVariant(),
+                                         QVariant(), QVariant()));
+        }
+    }
+    fileSystem->Unmount();
+
+    m_MountedFileSystems.removeAll(fileSystem);
+    m_FileSystems.remove(node);
+    RemoveStaleLinks(MediaDirectory());
+}
+
+void tLarkDaemon::OnFileSystemChanged(const QString& node)
+{
+    qCDebug(lcDaemon, "tLarkDaemon::OnFileSystemChanged(): node = %s", qUtf8Printable(node));
+}
+
+void tLarkDaemon::MakeFriendlySymlink(const QString& mountPoint, const QString& friendlyName)
+{
+    const QFileInfo mountInfo(mountPoint);
+    const QString linkPath = mountInfo.absoluteDir().absolutePath() + QLatin1Char('/') + friendlyName;
+    // Relative, so the link stays right wherever the directory is seen from.
+    const QString target = mountInfo.fileName();
+    // An existing link is left alone: two cards with one name keep the first link.
+    if (!QFile::link(target, linkPath)) {
+        qCWarning(lcDaemon, "tLarkDaemon::MakeFriendlySymlink(): failed to create symlink %s -> %s",
+                  qUtf8Printable(target), qUtf8Printable(linkPath));
+    }
+}
+
+void tLarkDaemon::RemoveStaleLinks(const QString& directory)
+{
+    // System entries are listed too: that is where broken links show up.
+    const QFileInfoList entries = QDir(directory).entryInfoList(
+        QDir::Dirs | QDir::Files | QDir::Drives | QDir::System | QDir::NoDotAndDotDot, QDir::Unsorted);
+    for (const QFileInfo& entry : entries) {
+        if (!entry.exists())
+            QFile::remove(entry.absoluteFilePath());
+    }
+}
+
+void tLarkDaemon::ManualScan()
+{
+    qCInfo(lcDaemon, "tLarkDaemon::ManualScan()");
+    RemoveStaleLinks(MediaDirectory());
+    const QString contentId = ContentId();
+    const QString serialNumber = SerialNumber();
+
+    for (const QString& node : tUDisks2::BlockDevices()) {
+        tUDisks2Block* block = tUDisks2::Block(node);
+        if (block && block->FileSystem())
+            m_FileSystems.insert(node, block->FileSystem());
+    }
+    qCDebug(lcDaemon, "tLarkDaemon::ManualScan(): filesystems = %s", Describe(m_FileSystems).constData());
+
+    m_UDisks2->Enumerate();
+
+    // Disabled chart sharing exports nothing, the internal store included.
+    if (!m_InternalSharePath.isEmpty() && m_Publisher && m_ChartSharingEnabled) {
+        m_Publisher->AddServiceNFS(m_InternalSharePath, cInternalShareType, QString(), contentId, serialNumber,
+                                   QStringLiteral("Internal HD Charts"), true);
+    }
+}
+
+void tLarkDaemon::UnmountAll()
+{
+    qCInfo(lcDaemon, "tLarkDaemon::UnmountAll()");
+    while (!m_MountedFileSystems.isEmpty()) {
+        tFileSystem* fileSystem = m_MountedFileSystems.takeFirst();
+        const QStringList mountPoints = fileSystem->MountPoints();
+        qCDebug(lcDaemon, "tLarkDaemon::UnmountAll(): umounting %s",
+                qUtf8Printable(mountPoints.value(0)));
+        fileSystem->Unmount();
+    }
+}

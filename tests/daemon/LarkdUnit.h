@@ -1,0 +1,90 @@
+#pragma once
+
+#include <QByteArray>
+#include <QJsonObject>
+#include <QList>
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+#include <QTcpSocket>
+#include <QTemporaryDir>
+
+// One display unit as processes (tests/scripts/larkd-unit.sh): larkd in a
+// mount namespace of its own with the UDisks2 simulator on a private bus and
+// recording stand-ins for exportfs, mount, umount and mountpoint. Stopped
+// with SIGTERM when the object goes.
+class tLarkdUnit
+{
+public:
+    tLarkdUnit(const QString& unitFile, const QStringList& larkdOptions);
+    ~tLarkdUnit();
+    tLarkdUnit(const tLarkdUnit&) = delete;
+    tLarkdUnit& operator=(const tLarkdUnit&) = delete;
+
+    // Starts the unit and waits until the simulator serves and larkd listens.
+    bool Start(QString* error);
+    // SIGTERM; true when larkd then exits normally with status 0.
+    bool Stop();
+
+    QProcess& Process() { return m_Process; }
+    quint16 Port() const { return m_Port; }
+    QString Unit() const { return m_UnitFile; }
+
+    bool Insert(const QString& slot, const QString& medium, QString* error = nullptr);
+    bool Remove(const QString& slot, QString* error = nullptr);
+    // Unmounts behind larkd's back, as another program would.
+    bool UnmountBehind(const QString& node, QString* error = nullptr);
+    // The simulator's own record: "Mount NODE PATH OPTIONS...", "Unmount NODE", ...
+    QStringList SimulatorCalls();
+
+    // The stand-ins' calls of one program, each as its tab-joined arguments.
+    QStringList Calls(const QString& program) const;
+    // larkd's console log so far (debug lines of "lk.daemon" included).
+    QByteArray Log();
+    // Waits until larkd has seen the service report node's mount point: only
+    // then does a newly connected application hear of the volume.
+    bool WaitForMountPoint(const QString& node, int timeoutMs = 10000);
+    // larkd's mount table (/proc/PID/mounts).
+    QByteArray MountTable() const;
+    // A path as larkd sees it in its mount namespace, e.g. Inside("/run/media").
+    QString Inside(const QString& path) const;
+
+private:
+    bool Control(const QString& method, const QVariantList& arguments, QString* error);
+
+    QString m_UnitFile;
+    QStringList m_Options;
+    QTemporaryDir m_State;
+    QProcess m_Process;
+    quint16 m_Port = 0;
+    QString m_BusName;
+    QByteArray m_Log;
+};
+
+// The display application's end of the protocol: one TCP connection that
+// splits what arrives at NUL bytes.
+class tAppConnection
+{
+public:
+    bool Connect(quint16 port);
+    // Sends the bytes as they are (the caller adds the NULs).
+    void SendRaw(const QByteArray& bytes);
+    void Send(const QJsonObject& message);
+    // The "dataarrival" objects received so far and not yet taken.
+    QList<QJsonObject> Arrivals();
+    // Waits up to timeoutMs until at least count arrivals are there, then takes them all.
+    QList<QJsonObject> TakeArrivals(int count, int timeoutMs = 10000);
+    // Every complete document received so far, raw, taken.
+    QList<QByteArray> TakeDocuments();
+    QTcpSocket& Socket() { return m_Socket; }
+
+private:
+    void Read();
+
+    QTcpSocket m_Socket;
+    QByteArray m_Pending;
+    QList<QByteArray> m_Documents;
+};
+
+// The envelope of an application request.
+QJsonObject AppRequest(const QString& type, const QJsonValue& content = QJsonValue::Undefined);

@@ -1,0 +1,366 @@
+// larkd as a process on a simulated unit: cards and sticks come and go, and
+// the display application, the friendly links and the NFS exports follow.
+// UDisks2 is stood in for by the project's simulator, exportfs by a recording
+// stand-in; sysfs, /dev and the slot file are the test's own (UnitFixture).
+
+#include "DaemonProcess.h"
+#include "LarkdUnit.h"
+#include "PrivateMounts.h"
+#include "UnitFixture.h"
+#include "storage/CidWithCrc.h"
+
+#include <QtTest>
+
+#include <climits>
+#include <csignal>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace
+{
+const QString cVfatOptions = QStringLiteral("utf8,shortname=mixed");
+
+QJsonValue Null()
+{
+    return QJsonValue(QJsonValue::Null);
+}
+
+// The link's own text, unresolved.
+QString LinkTarget(const QString& path)
+{
+    char target[PATH_MAX];
+    const ssize_t size = readlink(QFile::encodeName(path).constData(), target, sizeof target);
+    return size < 0 ? QString() : QFile::decodeName(QByteArray(target, int(size)));
+}
+
+QByteArray Describe(const QList<QJsonObject>& arrivals)
+{
+    QByteArray text;
+    for (const QJsonObject& arrival : arrivals)
+        text += QJsonDocument(arrival).toJson(QJsonDocument::Compact) + '\n';
+    return text;
+}
+} // namespace
+
+class tLocalVolumesTest : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase();
+    void cardsAndSticksAreMountedLinkedExportedAndReported();
+    void withoutChartSharingVolumesAreLinkedButNotExported();
+    void removalIsReportedUnmountedAndItsLinkSwept();
+    void protocolFraming();
+    void secondClientTakesOver();
+    void signals_();
+    void clientListsAndFollows();
+
+private:
+    QTemporaryDir m_Files;
+    QString m_ContentIdFile;
+    QString m_SerialNumberFile;
+};
+
+void tLocalVolumesTest::initTestCase()
+{
+    LARKD_REQUIRE_NAMESPACE();
+    QString error;
+    QVERIFY2(PrepareUnitMachine(&error), qPrintable(error));
+    m_ContentIdFile = m_Files.filePath(QStringLiteral("content-id"));
+    m_SerialNumberFile = m_Files.filePath(QStringLiteral("serial"));
+    QFile contentId(m_ContentIdFile);
+    QVERIFY(contentId.open(QIODevice::WriteOnly));
+    contentId.write("CONTENT-7 trailing words\n");
+    contentId.close();
+    QFile serial(m_SerialNumberFile);
+    QVERIFY(serial.open(QIODevice::WriteOnly));
+    serial.write("  SN-0042\n");
+}
+
+void tLocalVolumesTest::cardsAndSticksAreMountedLinkedExportedAndReported()
+{
+    tLarkdUnit unit(E2eUnitFile(), {QStringLiteral("--vfat"), cVfatOptions, QStringLiteral("--writeable-exports"),
+                                    QStringLiteral("--internal-share-path"), QStringLiteral("/srv/charts"),
+                                    QStringLiteral("--content-id-file"), m_ContentIdFile,
+                                    QStringLiteral("--serial-number-file"), m_SerialNumberFile});
+    QString error;
+    QVERIFY2(unit.Start(&error), qPrintable(error));
+    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
+
+    // The card present at start is reported when the application connects.
+    tAppConnection app;
+    QVERIFY(app.Connect(unit.Port()));
+    QList<QJsonObject> arrivals = app.TakeArrivals(1);
+    QVERIFY2(arrivals.size() == 1, unit.Log().constData());
+    const QJsonObject expectedCharts{
+        {QStringLiteral("friendlyname"), QStringLiteral("Memory Card - Left")},
+        {QStringLiteral("fixed"), false},
+        {QStringLiteral("readonly"), false},
+        {QStringLiteral("remote"), false},
+        {QStringLiteral("serialnumber"), QStringLiteral("SN-0042")},
+        {QStringLiteral("contentid"), QStringLiteral("CONTENT-7")},
+        {QStringLiteral("key"), CidWithCrc(QStringLiteral("035344534c31364780b1d4a4c5011600"))},
+        {QStringLiteral("path"), QStringLiteral("/run/media/CHARTS")},
+        {QStringLiteral("type"), QStringLiteral("memorycard")}};
+    QCOMPARE(arrivals.first(), expectedCharts);
+    QCOMPARE(LinkTarget(unit.Inside(QStringLiteral("/run/media/Memory Card - 1"))), QStringLiteral("CHARTS"));
+
+    // Inserted later: a card in the other slot, a read-only ext4 card in an
+    // unconfigured slot, and a USB stick.
+    QVERIFY(WriteMediumSysfs(QStringLiteral("right"), QStringLiteral("photos")));
+    QVERIFY(unit.Insert(QStringLiteral("right"), QStringLiteral("photos")));
+    arrivals = app.TakeArrivals(1);
+    QCOMPARE(arrivals.size(), 1);
+    QCOMPARE(arrivals.first().value(QStringLiteral("friendlyname")), QJsonValue(QStringLiteral("Memory Card - Right")));
+    QCOMPARE(arrivals.first().value(QStringLiteral("path")), QJsonValue(QStringLiteral("/run/media/PHOTOS")));
+    QCOMPARE(LinkTarget(unit.Inside(QStringLiteral("/run/media/Memory Card - 2"))), QStringLiteral("PHOTOS"));
+
+    // A new content ID is read when its file changes.
+    const QDateTime before = QFileInfo(m_ContentIdFile).lastModified();
+    QFile contentId(m_ContentIdFile);
+    QVERIFY(contentId.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    contentId.write("CONTENT-8\n");
+    contentId.close();
+    QVERIFY(contentId.open(QIODevice::ReadWrite));
+    QVERIFY(contentId.setFileTime(before.addSecs(5), QFileDevice::FileModificationTime));
+    contentId.close();
+    QVERIFY(WriteMediumSysfs(QStringLiteral("usb"), QStringLiteral("stick")));
+    QVERIFY(unit.Insert(QStringLiteral("usb"), QStringLiteral("stick")));
+    arrivals = app.TakeArrivals(1);
+    QCOMPARE(arrivals.size(), 1);
+    QCOMPARE(arrivals.first().value(QStringLiteral("contentid")), QJsonValue(QStringLiteral("CONTENT-8")));
+    QCOMPARE(arrivals.first().value(QStringLiteral("friendlyname")), QJsonValue(QStringLiteral("USB Mass Storage")));
+    QCOMPARE(arrivals.first().value(QStringLiteral("type")), QJsonValue(QStringLiteral("harddrive")));
+    QCOMPARE(arrivals.first().value(QStringLiteral("key")), QJsonValue(QString()));
+    QCOMPARE(LinkTarget(unit.Inside(QStringLiteral("/run/media/USB Memory Card A1"))), QStringLiteral("STICK"));
+
+    QVERIFY(WriteMediumSysfs(QStringLiteral("extra"), QStringLiteral("maps")));
+    QVERIFY(unit.Insert(QStringLiteral("extra"), QStringLiteral("maps")));
+    arrivals = app.TakeArrivals(1);
+    QCOMPARE(arrivals.size(), 1);
+    QCOMPARE(arrivals.first().value(QStringLiteral("readonly")), QJsonValue(true));
+    QCOMPARE(arrivals.first().value(QStringLiteral("friendlyname")), QJsonValue(QStringLiteral("Memory Card")));
+
+    // vfat volumes get the configured options, others none.
+    const QStringList mounts = unit.SimulatorCalls().filter(QRegularExpression(QStringLiteral("^Mount ")));
+    QCOMPARE(mounts.size(), 4);
+    QVERIFY2(mounts.at(0).startsWith(QStringLiteral("Mount mmcblk0p1 /run/media/CHARTS ")), qPrintable(mounts.at(0)));
+    for (int i : {0, 1, 2})
+        QVERIFY2(mounts.at(i).contains(QStringLiteral("options=") + cVfatOptions), qPrintable(mounts.at(i)));
+    QVERIFY2(!mounts.at(3).contains(QStringLiteral("options=")), qPrintable(mounts.at(3)));
+
+    // Writable volumes are exported writable; a read-only card stays read-only.
+    const QStringList exports = unit.Calls(QStringLiteral("exportfs"));
+    auto exportOf = [&](const QString& path) {
+        const QStringList found = exports.filter(QStringLiteral("\t*:") + path);
+        return found.isEmpty() ? QString() : found.first();
+    };
+    QVERIFY2(exportOf(QStringLiteral("/run/media/CHARTS")).startsWith(QStringLiteral("-o\trw")), qPrintable(exports.join('\n')));
+    QVERIFY2(exportOf(QStringLiteral("/run/media/PHOTOS")).startsWith(QStringLiteral("-o\trw")), qPrintable(exports.join('\n')));
+    QVERIFY2(exportOf(QStringLiteral("/run/media/MAPS")).startsWith(QStringLiteral("-o\tro")), qPrintable(exports.join('\n')));
+    QVERIFY2(exportOf(QStringLiteral("/srv/charts")).startsWith(QStringLiteral("-o\tro")), qPrintable(exports.join('\n')));
+}
+
+void tLocalVolumesTest::withoutChartSharingVolumesAreLinkedButNotExported()
+{
+    tLarkdUnit unit(E2eUnitFile(), {QStringLiteral("--disable-chart-sharing"), QStringLiteral("--internal-share-path"),
+                                    QStringLiteral("/srv/charts")});
+    QString error;
+    QVERIFY2(unit.Start(&error), qPrintable(error));
+    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
+    tAppConnection app;
+    QVERIFY(app.Connect(unit.Port()));
+    QCOMPARE(app.TakeArrivals(1).size(), 1);
+    QCOMPARE(LinkTarget(unit.Inside(QStringLiteral("/run/media/Memory Card - 1"))), QStringLiteral("CHARTS"));
+    QCOMPARE(unit.Calls(QStringLiteral("exportfs")), QStringList());
+}
+
+void tLocalVolumesTest::removalIsReportedUnmountedAndItsLinkSwept()
+{
+    tLarkdUnit unit(E2eUnitFile(), {});
+    QString error;
+    QVERIFY2(unit.Start(&error), qPrintable(error));
+    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
+    tAppConnection app;
+    QVERIFY(app.Connect(unit.Port()));
+    QCOMPARE(app.TakeArrivals(1).size(), 1);
+
+    // A card whose link name is taken stays mounted and only warns.
+    QVERIFY(WriteMediumSysfs(QStringLiteral("extra"), QStringLiteral("photos")));
+    QVERIFY(unit.Insert(QStringLiteral("extra"), QStringLiteral("photos")));
+    QList<QJsonObject> arrivals = app.TakeArrivals(1);
+    QCOMPARE(arrivals.size(), 1);
+    QCOMPARE(arrivals.first().value(QStringLiteral("path")), QJsonValue(QStringLiteral("/run/media/PHOTOS")));
+    QTRY_VERIFY(unit.Log().contains(
+        "tLarkDaemon::MakeFriendlySymlink(): failed to create symlink PHOTOS -> /run/media/Memory Card - 1"));
+    QCOMPARE(LinkTarget(unit.Inside(QStringLiteral("/run/media/Memory Card - 1"))), QStringLiteral("CHARTS"));
+    QVERIFY(QFileInfo(unit.Inside(QStringLiteral("/run/media/PHOTOS"))).isDir());
+
+    QVERIFY(unit.Remove(QStringLiteral("left")));
+    arrivals = app.TakeArrivals(1);
+    QCOMPARE(arrivals.size(), 1);
+    const QJsonObject gone{{QStringLiteral("friendlyname"), Null()}, {QStringLiteral("fixed"), Null()},
+                           {QStringLiteral("readonly"), Null()},     {QStringLiteral("remote"), Null()},
+                           {QStringLiteral("serialnumber"), Null()}, {QStringLiteral("contentid"), Null()},
+                           {QStringLiteral("key"), Null()},          {QStringLiteral("path"), QStringLiteral("/run/media/CHARTS")},
+                           {QStringLiteral("type"), Null()}};
+    QCOMPARE(arrivals.first(), gone);
+    QVERIFY(unit.Calls(QStringLiteral("exportfs")).contains(QStringLiteral("-u\t*:/run/media/CHARTS")));
+    // The mount directory went with the unmount; its dangling link is swept.
+    QTRY_VERIFY(!QFileInfo(unit.Inside(QStringLiteral("/run/media/Memory Card - 1"))).isSymLink());
+    QVERIFY(QFileInfo(unit.Inside(QStringLiteral("/run/media/PHOTOS"))).isDir());
+
+    // Unmounted by someone else: reported gone, and larkd unmounts it too
+    // (which the service refuses, the volume being unmounted already).
+    QVERIFY(unit.UnmountBehind(QStringLiteral("mmcblk3p1")));
+    arrivals = app.TakeArrivals(1);
+    QCOMPARE(arrivals.size(), 1);
+    QCOMPARE(arrivals.first().value(QStringLiteral("path")), QJsonValue(QStringLiteral("/run/media/PHOTOS")));
+    QVERIFY(arrivals.first().value(QStringLiteral("type")).isNull());
+    QVERIFY(unit.SimulatorCalls().contains(QStringLiteral("Unmount-refused mmcblk3p1")));
+}
+
+void tLocalVolumesTest::protocolFraming()
+{
+    tLarkdUnit unit(E2eUnitFile(), {QStringLiteral("--disable-chart-sharing")});
+    QString error;
+    QVERIFY2(unit.Start(&error), qPrintable(error));
+    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
+    tAppConnection app;
+    QVERIFY(app.Connect(unit.Port()));
+    QCOMPARE(app.TakeArrivals(1).size(), 1);
+    const QByteArray enquiry = R"({"message":{"type":"enquerydevicelist"}})";
+    const QByteArray nul(1, '\0');
+
+    // Two documents in one segment are both answered.
+    app.SendRaw(enquiry + nul + enquiry + nul);
+    QCOMPARE(app.TakeArrivals(2).size(), 2);
+
+    // A document across segments is handled once its NUL arrives, and bytes
+    // after the last NUL wait for theirs.
+    app.SendRaw(enquiry.left(10));
+    QTest::qWait(100);
+    app.SendRaw(enquiry.mid(10) + nul + enquiry.left(20));
+    QCOMPARE(app.TakeArrivals(1).size(), 1);
+    QTest::qWait(200);
+    QCOMPARE(app.TakeArrivals(0).size(), 0);
+    app.SendRaw(enquiry.mid(20) + nul);
+    QCOMPARE(app.TakeArrivals(1).size(), 1);
+
+    // A document larger than the daemon's read buffer.
+    const QByteArray large = R"({"message":{"type":"enquerydevicelist","content":")" + QByteArray(5000, 'x') + R"("}})";
+    app.SendRaw(large + nul);
+    QCOMPARE(app.TakeArrivals(1).size(), 1);
+
+    // Malformed JSON, unknown types and refused requests leave the connection working.
+    app.SendRaw(QByteArray("{\"message\": [unclosed") + nul);
+    app.Send(AppRequest(QStringLiteral("no-such-type")));
+    app.Send(AppRequest(QStringLiteral("chartsharing"), QJsonArray{QStringLiteral("eth0")}));
+    app.SendRaw(enquiry + nul);
+    QCOMPARE(app.TakeArrivals(1).size(), 1);
+    QVERIFY(unit.Log().contains("tLarkDaemon::ProcessMessage: Failed to decode JSON data:"));
+    QVERIFY(unit.Log().contains("Unexpected interface configuration message"));
+    QCOMPARE(unit.Process().state(), QProcess::Running);
+}
+
+void tLocalVolumesTest::secondClientTakesOver()
+{
+    tLarkdUnit unit(E2eUnitFile(), {QStringLiteral("--disable-chart-sharing")});
+    QString error;
+    QVERIFY2(unit.Start(&error), qPrintable(error));
+    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
+    tAppConnection first;
+    QVERIFY(first.Connect(unit.Port()));
+    QCOMPARE(first.TakeArrivals(1).size(), 1);
+    tAppConnection second;
+    QVERIFY(second.Connect(unit.Port()));
+    QCOMPARE(second.TakeArrivals(1).size(), 1);
+
+    // The old connection is neither answered nor told of new volumes.
+    first.Send(AppRequest(QStringLiteral("enquerydevicelist")));
+    QVERIFY(unit.Insert(QStringLiteral("right"), QStringLiteral("photos")));
+    QCOMPARE(second.TakeArrivals(1).size(), 1);
+    QTest::qWait(200);
+    QCOMPARE(first.TakeArrivals(0).size(), 0);
+}
+
+void tLocalVolumesTest::signals_()
+{
+    tLarkdUnit unit(E2eUnitFile(), {QStringLiteral("--disable-chart-sharing")});
+    QString error;
+    QVERIFY2(unit.Start(&error), qPrintable(error));
+    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
+    tAppConnection app;
+    QVERIFY(app.Connect(unit.Port()));
+    QCOMPARE(app.TakeArrivals(1).size(), 1);
+
+    SendSignal(unit.Process(), SIGUSR1);
+    QList<QJsonObject> arrivals = app.TakeArrivals(1);
+    QVERIFY2(arrivals.size() == 1, Describe(arrivals).constData());
+    QCOMPARE(arrivals.first().value(QStringLiteral("path")), QJsonValue(QStringLiteral("/run/media/CHARTS")));
+
+    // SIGUSR2: every volume unmounted and mounted again, as if re-inserted.
+    SendSignal(unit.Process(), SIGUSR2);
+    arrivals = app.TakeArrivals(1);
+    QVERIFY2(arrivals.size() == 1, Describe(arrivals).constData());
+    QCOMPARE(arrivals.first().value(QStringLiteral("path")), QJsonValue(QStringLiteral("/run/media/CHARTS")));
+    const QStringList calls = unit.SimulatorCalls().filter(QRegularExpression(QStringLiteral("^(Mount|Unmount) ")));
+    QCOMPARE(calls.size(), 3);
+    QVERIFY2(calls.at(1).startsWith(QStringLiteral("Unmount mmcblk0p1")) && calls.at(2).startsWith(QStringLiteral("Mount mmcblk0p1")),
+             qPrintable(calls.join('\n')));
+
+    // SIGTERM ends with status 0 and leaves the volume mounted: its directory
+    // (made by the simulator's mount, removed by its unmount) outlives larkd,
+    // seen through a handle on larkd's /run/media.
+    const int media = open(QFile::encodeName(unit.Inside(QStringLiteral("/run/media"))).constData(),
+                           O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    QVERIFY(media >= 0);
+    const bool stopped = unit.Stop();
+    struct stat info;
+    const bool stillMounted = fstatat(media, "CHARTS", &info, 0) == 0;
+    close(media);
+    QVERIFY2(stopped, unit.Log().constData());
+    QVERIFY(unit.Log().contains("tLarkDaemon::SignalHandler(): Handling SIGTERM"));
+    QVERIFY(stillMounted);
+}
+
+void tLocalVolumesTest::clientListsAndFollows()
+{
+    tLarkdUnit unit(E2eUnitFile(), {QStringLiteral("--disable-chart-sharing")});
+    QString error;
+    QVERIFY2(unit.Start(&error), qPrintable(error));
+    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
+    const QString client = qEnvironmentVariable("LARKD_CLIENT_BINARY");
+    const QStringList port{QStringLiteral("--port"), QString::number(unit.Port())};
+
+    // list: one compact document a line, ended by a short silence.
+    const tFinishedProcess list = RunToEnd(client, port + QStringList{QStringLiteral("list"), QStringLiteral("--wait"), QStringLiteral("300")});
+    QCOMPARE(list.exitCode, 0);
+    const QList<QByteArray> lines = list.out.trimmed().split('\n');
+    QCOMPARE(lines.size(), 1);
+    QCOMPARE(QJsonDocument::fromJson(lines.first()).object().value(QStringLiteral("message")).toObject()
+                 .value(QStringLiteral("content")).toObject().value(QStringLiteral("dataarrival")).toObject()
+                 .value(QStringLiteral("path")).toString(),
+             QStringLiteral("/run/media/CHARTS"));
+
+    // follow: every message as it comes.
+    QProcess follow;
+    follow.start(client, port + QStringList{QStringLiteral("follow")});
+    QVERIFY(follow.waitForStarted());
+    QByteArray out;
+    QTRY_VERIFY_WITH_TIMEOUT((out += follow.readAllStandardOutput()).count('\n') == 1, 10000);
+    QVERIFY(unit.Insert(QStringLiteral("usb"), QStringLiteral("stick")));
+    QTRY_VERIFY_WITH_TIMEOUT((out += follow.readAllStandardOutput()).count('\n') == 2, 10000);
+    QVERIFY2(out.split('\n').at(1).contains(R"("path":"/run/media/STICK")"), out.constData());
+    SendSignal(follow, SIGTERM);
+    QVERIFY(follow.waitForFinished(5000));
+
+    // A request through the client goes to larkd like the application's own.
+    const tFinishedProcess share = RunToEnd(client, port + QStringList{QStringLiteral("share"), QStringLiteral("eth0")});
+    QCOMPARE(share.exitCode, 0);
+    QTRY_VERIFY(unit.Log().contains("Unexpected interface configuration message"));
+}
+
+LARKD_NAMESPACE_TEST_MAIN(tLocalVolumesTest)
+#include "tst_localvolumes.moc"

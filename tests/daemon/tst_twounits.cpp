@@ -1,0 +1,266 @@
+// Two units side by side, each in a network namespace of its own joined by a
+// veth pair: a card in one unit appears as a remote volume on the other and
+// goes when it is pulled, when its unit falls silent, or when the display
+// application lets it go. Each unit is larkd with the UDisks2 simulator and
+// stand-ins for exportfs, mount, umount and mountpoint (NFS is stood in for
+// by tmpfs mounts named after the share).
+
+#include "LarkdUnit.h"
+#include "NetnsPair.h"
+#include "PrivateMounts.h"
+#include "UnitFixture.h"
+
+#include <QtTest>
+
+#include <memory>
+
+namespace
+{
+const QString cNfsRoot = QStringLiteral("/var/lib/nfs/remote");
+const QString cExpiryMs = QStringLiteral("1500");
+const QString cChartsDir = QStringLiteral("169.254.10.1:-run-media-CHARTS");
+const QString cMapsDir = QStringLiteral("169.254.10.1:-run-media-MAPS");
+
+QString AppPath(const QString& directory)
+{
+    return QStringLiteral("/mnt/") + directory;
+}
+
+QString MountCall(const QString& exportPath, const QString& directory, const QString& access)
+{
+    return QStringList{QStringLiteral("-t"), QStringLiteral("nfs"), QStringLiteral("169.254.10.1:") + exportPath,
+                       cNfsRoot + QLatin1Char('/') + directory, QStringLiteral("-o"),
+                       QStringLiteral("rsize=1280,soft,udp,noatime,nodiratime,") + access}
+        .join(QLatin1Char('\t'));
+}
+
+QJsonObject Unmount(const QString& path, bool keep)
+{
+    return AppRequest(QStringLiteral("datasource"),
+                      QJsonObject{{QStringLiteral("dataunmount"),
+                                   QJsonObject{{QStringLiteral("path"), path}, {QStringLiteral("keepunmounted"), keep}}}});
+}
+
+bool IsRemoval(const QJsonObject& arrival, const QString& path)
+{
+    return arrival.value(QStringLiteral("path")).toString() == path && arrival.value(QStringLiteral("type")).isNull();
+}
+} // namespace
+
+class tTwoUnitsTest : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+    void peerCardBecomesARemoteVolume();
+    void applicationLetsARemoteVolumeGo();
+    void eth0SharesWhileUpWithALinkLocalAddress();
+
+private:
+    // A exports writable to its peer; B mounts below its NFS root. Both share
+    // on their ends of the veth pair as their applications ask, unless B is
+    // to watch "eth0" by itself.
+    bool StartUnits(bool unitBWatchesEth0 = false);
+    // Starts a unit inside its namespace with the application connected there;
+    // with an interface, the application asks to share on it.
+    bool StartUnit(std::unique_ptr<tLarkdUnit>& unit, std::unique_ptr<tAppConnection>& app, const QString& netns,
+                   const QString& interface, const QStringList& options);
+
+    std::unique_ptr<tNetnsPair> m_Pair;
+    std::unique_ptr<tLarkdUnit> m_UnitA;
+    std::unique_ptr<tLarkdUnit> m_UnitB;
+    std::unique_ptr<tAppConnection> m_AppA;
+    std::unique_ptr<tAppConnection> m_AppB;
+};
+
+void tTwoUnitsTest::initTestCase()
+{
+    LARKD_REQUIRE_NAMESPACE();
+    const QString unavailable = tNetnsPair::Unavailable();
+    if (!unavailable.isEmpty())
+        QSKIP(qPrintable(QStringLiteral("network namespace test: ") + unavailable));
+    QString error;
+    QVERIFY2(PrepareUnitMachine(&error), qPrintable(error));
+}
+
+void tTwoUnitsTest::init()
+{
+    m_Pair.reset(new tNetnsPair);
+    QVERIFY2(m_Pair->Error().isEmpty(), qPrintable(m_Pair->Error()));
+}
+
+bool tTwoUnitsTest::StartUnits(bool unitBWatchesEth0)
+{
+    const QStringList twoWay{QStringLiteral("--two-way-connection")};
+    if (!StartUnit(m_UnitA, m_AppA, m_Pair->NamespaceA(), tNetnsPair::InterfaceA(),
+                   twoWay + QStringList{QStringLiteral("--peer-mac"), tNetnsPair::MacB(), QStringLiteral("--writeable-exports"),
+                                        QStringLiteral("--code-name"), QStringLiteral("alpha")}))
+        return false;
+    const QStringList optionsB{QStringLiteral("--nfs-root"), cNfsRoot};
+    // Watching eth0, B does not know A by its MAC address but treats units
+    // of A's class as local storage.
+    const bool started = unitBWatchesEth0
+        ? StartUnit(m_UnitB, m_AppB, m_Pair->NamespaceB(), QString(),
+                    optionsB + QStringList{QStringLiteral("--treat-remote-as-local"), QStringLiteral("alpha")})
+        : StartUnit(m_UnitB, m_AppB, m_Pair->NamespaceB(), tNetnsPair::InterfaceB(),
+                    twoWay + optionsB + QStringList{QStringLiteral("--peer-mac"), tNetnsPair::MacA()});
+    // Only A has a card, so B's application hears of A's volumes alone.
+    return started && m_UnitB->Remove(QStringLiteral("left"));
+}
+
+void tTwoUnitsTest::cleanup()
+{
+    m_AppA.reset();
+    m_AppB.reset();
+    m_UnitA.reset();
+    m_UnitB.reset();
+    m_Pair.reset();
+}
+
+bool tTwoUnitsTest::StartUnit(std::unique_ptr<tLarkdUnit>& unit, std::unique_ptr<tAppConnection>& app,
+                              const QString& netns, const QString& interface, const QStringList& options)
+{
+    unit.reset(new tLarkdUnit(E2eUnitFile(), options + QStringList{QStringLiteral("--unmount-timeout-period"), cExpiryMs}));
+    app.reset(new tAppConnection);
+    // The unit's processes and the application's socket live in the namespace.
+    if (!m_Pair->Enter(netns))
+        return false;
+    QString error;
+    const bool started = unit->Start(&error) && app->Connect(unit->Port());
+    m_Pair->Leave();
+    if (!started) {
+        qWarning("%s", qPrintable(error));
+        return false;
+    }
+    if (!interface.isEmpty())
+        app->Send(AppRequest(QStringLiteral("chartsharing"), QJsonArray{interface}));
+    return true;
+}
+
+void tTwoUnitsTest::peerCardBecomesARemoteVolume()
+{
+    QVERIFY(StartUnits());
+    // A's card, writable and exported writable to the peer, is mounted "rw".
+    QList<QJsonObject> arrivals = m_AppB->TakeArrivals(1, 15000);
+    QVERIFY2(arrivals.size() == 1, (m_UnitA->Log() + "\n=====B\n" + m_UnitB->Log()).constData());
+    const QJsonObject charts = arrivals.first();
+    QCOMPARE(charts.value(QStringLiteral("path")).toString(), AppPath(cChartsDir));
+    QCOMPARE(charts.value(QStringLiteral("friendlyname")).toString(), QStringLiteral("Memory Card - Left"));
+    QCOMPARE(charts.value(QStringLiteral("type")).toString(), QStringLiteral("memorycard"));
+    QCOMPARE(charts.value(QStringLiteral("remote")), QJsonValue(false)); // from the configured peer
+    QCOMPARE(charts.value(QStringLiteral("readonly")), QJsonValue(false));
+    QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")),
+             QStringList{MountCall(QStringLiteral("/run/media/CHARTS"), cChartsDir, QStringLiteral("rw"))});
+    QVERIFY(m_UnitB->MountTable().contains("169.254.10.1:/run/media/CHARTS " + (cNfsRoot + QLatin1Char('/') + cChartsDir).toUtf8()));
+    // A grants the peer its own writable export once it hears from it (the
+    // multicast announcement of a card of B's own).
+    QVERIFY(WriteMediumSysfs(QStringLiteral("right"), QStringLiteral("photos")));
+    QVERIFY(m_UnitB->Insert(QStringLiteral("right"), QStringLiteral("photos")));
+    QCOMPARE(m_AppB->TakeArrivals(1).value(0).value(QStringLiteral("path")).toString(), QStringLiteral("/run/media/PHOTOS"));
+    QTRY_VERIFY_WITH_TIMEOUT(
+        m_UnitA->Calls(QStringLiteral("exportfs")).contains(QStringLiteral("-o\trw,no_root_squash,no_subtree_check\t169.254.10.2:/run/media/CHARTS")),
+        10000);
+
+    // A read-only card is mounted "ro".
+    QVERIFY(WriteMediumSysfs(QStringLiteral("extra"), QStringLiteral("maps")));
+    QVERIFY(m_UnitA->Insert(QStringLiteral("extra"), QStringLiteral("maps")));
+    arrivals = m_AppB->TakeArrivals(1, 10000);
+    QCOMPARE(arrivals.size(), 1);
+    QCOMPARE(arrivals.first().value(QStringLiteral("path")).toString(), AppPath(cMapsDir));
+    QCOMPARE(arrivals.first().value(QStringLiteral("readonly")), QJsonValue(true));
+    QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")).value(1),
+             MountCall(QStringLiteral("/run/media/MAPS"), cMapsDir, QStringLiteral("ro")));
+
+    // Pulled on A: withdrawn at once, unmounted on B.
+    QVERIFY(m_UnitA->Remove(QStringLiteral("left")));
+    arrivals = m_AppB->TakeArrivals(1, 10000);
+    QCOMPARE(arrivals.size(), 1);
+    QVERIFY(IsRemoval(arrivals.first(), AppPath(cChartsDir)));
+    QCOMPARE(m_UnitB->Calls(QStringLiteral("umount")),
+             QStringList{QStringLiteral("-fl\t") + cNfsRoot + QLatin1Char('/') + cChartsDir});
+
+    // A falls silent: its last share expires on B.
+    QVERIFY(m_UnitA->Stop());
+    QElapsedTimer silence;
+    silence.start();
+    arrivals = m_AppB->TakeArrivals(1, 10000);
+    QCOMPARE(arrivals.size(), 1);
+    QVERIFY(IsRemoval(arrivals.first(), AppPath(cMapsDir)));
+    QVERIFY2(silence.elapsed() >= cExpiryMs.toInt() - 1000, qPrintable(QString::number(silence.elapsed())));
+    QCOMPARE(m_UnitB->Calls(QStringLiteral("umount")).size(), 2);
+}
+
+void tTwoUnitsTest::applicationLetsARemoteVolumeGo()
+{
+    QVERIFY(StartUnits());
+    QCOMPARE(m_AppB->TakeArrivals(1, 15000).size(), 1);
+
+    // Without "keepunmounted" the next announcement brings it back.
+    m_AppB->Send(Unmount(AppPath(cChartsDir), false));
+    QList<QJsonObject> arrivals = m_AppB->TakeArrivals(2, 10000);
+    QCOMPARE(arrivals.size(), 2);
+    QVERIFY(IsRemoval(arrivals.at(0), AppPath(cChartsDir)));
+    QCOMPARE(arrivals.at(1).value(QStringLiteral("path")).toString(), AppPath(cChartsDir));
+    QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")).size(), 2);
+
+    // With it, the share stays away while A keeps announcing it...
+    m_AppB->Send(Unmount(AppPath(cChartsDir), true));
+    arrivals = m_AppB->TakeArrivals(1, 10000);
+    QCOMPARE(arrivals.size(), 1);
+    QVERIFY(IsRemoval(arrivals.first(), AppPath(cChartsDir)));
+    QTest::qWait(2 * cExpiryMs.toInt());
+    QCOMPARE(m_AppB->TakeArrivals(0).size(), 0);
+    QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")).size(), 2);
+
+    // ...and comes back once A stopped announcing it for a while.
+    QVERIFY(m_UnitA->Remove(QStringLiteral("left")));
+    QTest::qWait(cExpiryMs.toInt() + 1000);
+    QVERIFY(WriteMediumSysfs(QStringLiteral("left"), QStringLiteral("charts")));
+    QVERIFY(m_UnitA->Insert(QStringLiteral("left"), QStringLiteral("charts")));
+    arrivals = m_AppB->TakeArrivals(1, 10000);
+    QCOMPARE(arrivals.size(), 1);
+    QCOMPARE(arrivals.first().value(QStringLiteral("path")).toString(), AppPath(cChartsDir));
+    QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")).size(), 3);
+}
+
+void tTwoUnitsTest::eth0SharesWhileUpWithALinkLocalAddress()
+{
+    // Unit B's end of the cable becomes its "eth0", with a routable address only.
+    const QStringList b{QStringLiteral("-n"), m_Pair->NamespaceB()};
+    QVERIFY(m_Pair->Ip(b + QStringList{"link", "set", tNetnsPair::InterfaceB(), "down"}));
+    QVERIFY(m_Pair->Ip(b + QStringList{"link", "set", tNetnsPair::InterfaceB(), "name", "eth0"}));
+    QVERIFY(m_Pair->Ip(b + QStringList{"addr", "flush", "dev", "eth0"}));
+    QVERIFY(m_Pair->Ip(b + QStringList{"addr", "add", "10.0.0.2/24", "dev", "eth0"}));
+    QVERIFY(m_Pair->Ip(b + QStringList{"link", "set", "eth0", "up"}));
+    QVERIFY(StartUnits(true));
+
+    QTest::qWait(2 * cExpiryMs.toInt());
+    QCOMPARE(m_AppB->TakeArrivals(0).size(), 0);
+    QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")), QStringList());
+
+    // The direct cable's link-local address starts sharing. A's writable
+    // card is mounted "rw" and reported as local storage.
+    QVERIFY(m_Pair->Ip(b + QStringList{"addr", "add", "169.254.10.2/16", "dev", "eth0"}));
+    QList<QJsonObject> arrivals = m_AppB->TakeArrivals(1, 15000);
+    QCOMPARE(arrivals.size(), 1);
+    QCOMPARE(arrivals.first().value(QStringLiteral("path")).toString(), AppPath(cChartsDir));
+    QCOMPARE(arrivals.first().value(QStringLiteral("remote")), QJsonValue(false));
+    QCOMPARE(arrivals.first().value(QStringLiteral("readonly")), QJsonValue(false));
+    QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")),
+             QStringList{MountCall(QStringLiteral("/run/media/CHARTS"), cChartsDir, QStringLiteral("rw"))});
+
+    // Link down: sharing stops, so the peer's share expires; up: it starts again.
+    QVERIFY(m_Pair->Ip(b + QStringList{"link", "set", "eth0", "down"}));
+    arrivals = m_AppB->TakeArrivals(1, 15000);
+    QCOMPARE(arrivals.size(), 1);
+    QVERIFY(IsRemoval(arrivals.first(), AppPath(cChartsDir)));
+    QVERIFY(m_Pair->Ip(b + QStringList{"link", "set", "eth0", "up"}));
+    arrivals = m_AppB->TakeArrivals(1, 20000);
+    QCOMPARE(arrivals.size(), 1);
+    QCOMPARE(arrivals.first().value(QStringLiteral("path")).toString(), AppPath(cChartsDir));
+}
+
+LARKD_NAMESPACE_TEST_MAIN(tTwoUnitsTest)
+#include "tst_twounits.moc"

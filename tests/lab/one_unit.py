@@ -1,0 +1,140 @@
+#!/usr/bin/env python3
+"""One unit with a card in its SD slot and a USB stick, larkd started by its
+installed systemd unit: what the display application receives and what the
+system shows, at boot, on pulling and re-inserting both media, and on
+SIGUSR2 and SIGTERM.
+    one_unit.py BUILD_DIR
+"""
+
+import os
+import sys
+import time
+
+sys.dont_write_bytecode = True  # nothing written into the source tree
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from lab import Lab, LabError, free_loopback_port, log, make_vfat_image  # noqa: E402
+from unit import Unit, crc7_key, is_removal  # noqa: E402
+
+VFAT_OPTS = "flush,utf8,shortname=mixed"
+CARD_DEV, STICK_DEV = "/dev/mmcblk0p1", "/dev/sda1"
+
+
+def expect(condition, text):
+    if not condition:
+        raise LabError(text)
+
+
+def check_card_arrival(u, volume):
+    """The card's arrival: identity from sysfs, mount, link and export."""
+    cid = u.m.sh("cat /sys/block/mmcblk0/device/cid").strip()
+    expect(len(cid) == 32, "sysfs CID is not 32 hex digits: %r" % cid)
+    # The emulated card reports a zero CRC byte, so this also shows the fix.
+    expect(volume["key"] == crc7_key(cid),
+           "key %s is not the sysfs CID %s with its CRC7 corrected" % (volume["key"], cid))
+    expect(volume["type"] == "memorycard", "card type is %s" % volume["type"])
+    expect(volume["friendlyname"] == "Memory Card - Left", "card name is %s" % volume["friendlyname"])
+    expect(volume["remote"] is False and volume["fixed"] is False and volume["readonly"] is False,
+           "card flags: %s" % volume)
+    mount = u.wait_mounted(CARD_DEV)
+    target, fstype, options = mount
+    expect(volume["path"] == target, "path %s, mounted at %s" % (volume["path"], target))
+    expect(fstype == "vfat", "card mounted as %s" % fstype)
+    for opt in VFAT_OPTS.split(","):
+        expect(opt in options, "vfat option %s missing from %s" % (opt, options))
+    link = os.path.join(os.path.dirname(target), "Memory Card - 1")
+    expect(u.link(link) == os.path.basename(target), "friendly link %s -> %s" % (link, u.link(link)))
+    expect(target in u.exports(), "%s not exported:\n%s" % (target, u.exports()))
+    return target
+
+
+def check_stick_arrival(u, volume):
+    target, fstype, options = u.wait_mounted(STICK_DEV)
+    expect(volume["path"] == target, "stick path %s, mounted at %s" % (volume["path"], target))
+    expect(volume["type"] == "harddrive" and volume["key"] == "", "stick identity: %s" % volume)
+    expect(volume["friendlyname"] == "USB Mass Storage", "stick name is %s" % volume["friendlyname"])
+    expect(fstype == "vfat" and "shortname=mixed" in options, "stick mount: %s %s" % (fstype, options))
+    link = os.path.join(os.path.dirname(target), "USB Memory Card A1")
+    expect(u.link(link) == os.path.basename(target), "stick link %s -> %s" % (link, u.link(link)))
+    return target
+
+
+def check_removal(u, path, device, what):
+    u.wait_volume(lambda v: is_removal(v) and v["path"] == path, "the removal of the " + what)
+    u.wait_unmounted(device)
+    u.m.wait_for("! exportfs -v | grep -qF %s" % repr(path), what + " unexported", 30)
+    link = os.path.join(os.path.dirname(path), "Memory Card - 1" if what == "card" else "USB Memory Card A1")
+    # Links are swept only once dangling, and udisks2 removes the mount
+    # directory after the daemon has heard of the removal: gone or dangling.
+    u.m.wait_for("! test -e %s" % repr(link), what + " link gone or dangling", 30)
+
+
+def main(build_dir):
+    times = {}
+    with Lab(build_dir) as lab:
+        card = lab.path("card.img")
+        stick = lab.path("stick.img")
+        make_vfat_image(card, "LABCARD", {"chart.txt": "card chart\n"})
+        make_vfat_image(stick, "LABSTICK", {"route.txt": "stick route\n"})
+        m = lab.machine("unit", mac="52:54:00:00:00:0a", net=("listen", free_loopback_port()),
+                        sd=card, usb=stick)
+        m.start()
+        times["boot"] = m.wait_ready()
+        u = Unit(m)
+        u.setup("169.254.10.1")
+
+        started = time.monotonic()
+        u.start_larkd("--vfat %s --peer-mac 52:54:00:00:00:0b --code-name lab" % VFAT_OPTS, volumes=2)
+        card_path = check_card_arrival(u, u.wait_volume(lambda v: v["type"] == "memorycard",
+                                                        "the card present at boot"))
+        u.seen = 0
+        stick_path = check_stick_arrival(u, u.wait_volume(lambda v: v["type"] == "harddrive",
+                                                          "the stick present at boot"))
+        times["at boot"] = time.monotonic() - started
+
+        started = time.monotonic()
+        m.pull_card()
+        check_removal(u, card_path, CARD_DEV, "card")
+        m.insert_card()
+        card_path = check_card_arrival(u, u.wait_volume(lambda v: v["type"] == "memorycard",
+                                                        "the re-inserted card"))
+        m.pull_stick()
+        check_removal(u, stick_path, STICK_DEV, "stick")
+        m.insert_stick()
+        stick_path = check_stick_arrival(u, u.wait_volume(lambda v: v["type"] == "harddrive",
+                                                          "the re-inserted stick"))
+        times["hot-plug"] = time.monotonic() - started
+
+        # SIGUSR2: every volume unmounted and mounted again, as after pulling
+        # and re-inserting all media.
+        started = time.monotonic()
+        events = ("Unmounted " + CARD_DEV, "Mounted " + CARD_DEV, "Unmounted " + STICK_DEV, "Mounted " + STICK_DEV)
+        before = [u.udisks_count(e) for e in events]
+        mark = u.seen
+        m.sh("systemctl kill -s USR2 larkd")
+        u.wait_volume(lambda v: v["type"] == "memorycard", "the card again after SIGUSR2")
+        u.seen = mark
+        u.wait_volume(lambda v: v["type"] == "harddrive", "the stick again after SIGUSR2")
+        u.wait_mounted(CARD_DEV)
+        u.wait_mounted(STICK_DEV)
+        after = [u.udisks_count(e) for e in events]
+        expect([a - b for a, b in zip(after, before)] == [1, 1, 1, 1],
+               "SIGUSR2: udisksd's %s went from %s to %s" % (events, before, after))
+        expect("SIGUSR2: Simulating removing/inserting SD card" in u.journal(), "no SIGUSR2 log line")
+
+        # SIGTERM: a clean exit; volumes stay mounted.
+        m.sh("systemctl stop larkd")
+        status = m.sh("systemctl show -P ExecMainStatus larkd").strip()
+        expect(status == "0", "larkd exited with status %s on SIGTERM" % status)
+        expect("Handling SIGTERM" in u.journal(), "no SIGTERM log line")
+        expect(u.mount_of(CARD_DEV) is not None and u.mount_of(STICK_DEV) is not None,
+               "volumes were unmounted on SIGTERM")
+        times["signals"] = time.monotonic() - started
+    log("one unit passed: " + ", ".join("%s %.1f s" % kv for kv in times.items()))
+
+
+if __name__ == "__main__":
+    try:
+        main(sys.argv[1])
+    except LabError as e:
+        print("lab: FAILED: %s" % e, flush=True)
+        sys.exit(1)

@@ -1,0 +1,80 @@
+#!/usr/bin/env bash
+# larkd-unit.sh STATEDIR UNITFILE [LARKD-OPTION...]
+# One simulated display unit, for end-to-end tests and the demonstration.
+# Re-runs itself in a private mount namespace with fresh tmpfs on /run/media,
+# /var/lib/nfs (with remote/ in it, an NFS root for tests); puts the recording
+# stand-ins for exportfs, mount, umount and mountpoint first on PATH (they
+# mount tmpfs in place of NFS); starts a private bus and the UDisks2 simulator
+# (mount directories under /run/media); then becomes larkd with the options,
+# so the caller's process id is larkd's. Bus and simulator die with larkd,
+# larkd with the caller. Writes
+#   STATEDIR/bus     the private bus address (once the simulator serves)
+#   STATEDIR/calls   the stand-ins' record, one call a line, tab-separated
+#   STATEDIR/sim.log the simulator's output
+# Needs root. larkd is LARKD_BINARY, else build/daemon/larkd; the simulator
+# UDISKS2_SIM_BINARY, else build/tools/udisks2-sim/udisks2-sim.
+set -euo pipefail
+if [ $# -lt 2 ]; then
+    echo "usage: $0 STATEDIR UNITFILE [LARKD-OPTION...]" >&2
+    exit 2
+fi
+here=$(cd "$(dirname "$0")" && pwd)
+root=$(cd "$here/../.." && pwd)
+if [ -z "${LARKD_UNIT_INSIDE:-}" ]; then
+    export LARKD_UNIT_INSIDE=1
+    # The parent-death signal survives exec: larkd dies with whoever started us.
+    exec setpriv --pdeathsig TERM -- unshare --mount --propagation private -- "$0" "$@"
+fi
+unset LARKD_UNIT_INSIDE
+
+state=$1
+unit=$2
+shift 2
+larkd=${LARKD_BINARY:-$root/build/daemon/larkd}
+sim=${UDISKS2_SIM_BINARY:-$root/build/tools/udisks2-sim/udisks2-sim}
+mkdir -p "$state"
+rm -f "$state/bus"
+for dir in /run/media /var/lib/nfs; do
+    mkdir -p "$dir"
+    mount -t tmpfs -o mode=0755 larkd-unit "$dir"
+done
+mkdir /var/lib/nfs/remote
+
+cat >"$state/bus.conf" <<CONF
+<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <listen>unix:path=$state/bus.socket</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/> <allow own="*"/>
+    <allow send_type="method_call"/> <allow send_type="signal"/>
+    <allow send_type="method_return"/> <allow send_type="error"/>
+    <allow receive_type="method_call"/> <allow receive_type="signal"/>
+    <allow receive_type="method_return"/> <allow receive_type="error"/>
+  </policy>
+</busconfig>
+CONF
+# Its only complaint as root is about the fd limit.
+setpriv --pdeathsig TERM -- dbus-daemon --config-file="$state/bus.conf" --nofork \
+    --print-address=3 3>"$state/bus.address" 2>/dev/null &
+for _ in $(seq 100); do
+    [ -s "$state/bus.address" ] && break
+    sleep 0.05
+done
+export DBUS_SYSTEM_BUS_ADDRESS
+DBUS_SYSTEM_BUS_ADDRESS=$(head -n1 "$state/bus.address")
+[ -n "$DBUS_SYSTEM_BUS_ADDRESS" ] || { echo "larkd-unit: dbus-daemon did not start" >&2; exit 1; }
+
+setpriv --pdeathsig TERM -- "$sim" --unit "$unit" --mount-base /run/media >"$state/sim.log" 2>&1 &
+sim_pid=$!
+until "$sim" ctl inserted >/dev/null 2>&1; do
+    kill -0 "$sim_pid" 2>/dev/null || { echo "larkd-unit: the simulator exited" >&2; exit 1; }
+    sleep 0.05
+done
+echo "$DBUS_SYSTEM_BUS_ADDRESS" >"$state/bus"
+
+export PATH="$here/standins:$PATH"
+export LARKD_RECORD_FILE="$state/calls" LARKD_STANDIN_TMPFS=1
+: >"$LARKD_RECORD_FILE"
+exec "$larkd" --disable-syslog "$@"
