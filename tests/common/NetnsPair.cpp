@@ -57,12 +57,17 @@ tNetnsPair::tNetnsPair()
 
 tNetnsPair::~tNetnsPair()
 {
-    if (m_HomeFd >= 0)
-        setns(m_HomeFd, CLONE_NEWNET);
+    Leave();
     for (const QString& name : {m_A, m_B})
         RunToEnd(QStringLiteral("ip"), {QStringLiteral("netns"), QStringLiteral("del"), name});
     if (m_HomeFd >= 0)
         close(m_HomeFd);
+}
+
+void tNetnsPair::Leave()
+{
+    if (m_HomeFd >= 0)
+        setns(m_HomeFd, CLONE_NEWNET);
 }
 
 bool tNetnsPair::Ip(const QStringList& arguments)

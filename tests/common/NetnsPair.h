@@ -28,9 +28,11 @@ public:
     static QString MacA() { return QStringLiteral("02:4c:4b:00:0a:01"); }
     static QString MacB() { return QStringLiteral("02:4c:4b:00:0a:02"); }
 
-    // Moves the calling thread into a namespace: sockets opened afterwards live
-    // there, and child processes start there. The destructor moves it back.
+    // Moves the calling thread into a namespace (sockets opened afterwards live
+    // there, and child processes start there) and back to where it started;
+    // the destructor moves it back too.
     bool Enter(const QString& netns);
+    void Leave();
 
     // Runs `ip` with the arguments; false (with the output in Error()) on failure.
     bool Ip(const QStringList& arguments);
