@@ -19,9 +19,10 @@ case "$build" in /*) ;; *) build="$root/$build" ;; esac
 #                starting them changes /dev for the whole machine
 #   fuzz         CPU-bound bounded runs, many times slower emulated; the
 #                native runs fuzz the same portable code
-#   sysfs        they lay a generated sysfs over /sys for libudev, whose path
-#                walk starts from an open "/"; the emulator maps that to the
-#                sysroot, so the walk never sees the tree
+#   sysfs        they lay a generated sysfs over /sys for libudev (their own
+#                or the daemon's they start), whose path walk starts from an
+#                open "/"; the emulator maps that to the sysroot, so the walk
+#                never sees the tree
 excluded_labels='^(netns|realservice|fuzz|sysfs)$'
 
 "$root/scripts/setup.sh" --packages-only
