@@ -1,7 +1,7 @@
 // The UDisks2 simulator as its clients see it: over a private bus, through
 // plain D-Bus messages, the way a UDisks2 client talks to the real service.
 
-#include "Introspection.h"
+#include "InterfaceXml.h"
 #include "SimulatedUnit.h"
 
 #include <QDBusArgument>

@@ -5,7 +5,7 @@
 // a USB stick inserted. Whatever the simulator declares must be what udisksd
 // declares; what udisksd has beyond that is listed, not failed.
 
-#include "Introspection.h"
+#include "InterfaceXml.h"
 #include "SimulatedUnit.h"
 
 #include <QDBusArgument>
