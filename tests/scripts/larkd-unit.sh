@@ -14,6 +14,7 @@
 # Needs root. larkd is LARKD_BINARY, else build/daemon/larkd; the simulator
 # UDISKS2_SIM_BINARY, else build/tools/udisks2-sim/udisks2-sim.
 set -euo pipefail
+. "$(dirname "$0")/private-bus.sh"
 if [ $# -lt 2 ]; then
     echo "usage: $0 STATEDIR UNITFILE [LARKD-OPTION...]" >&2
     exit 2
@@ -40,31 +41,7 @@ for dir in /run/media /var/lib/nfs; do
 done
 mkdir /var/lib/nfs/remote
 
-cat >"$state/bus.conf" <<CONF
-<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <listen>unix:path=$state/bus.socket</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/> <allow own="*"/>
-    <allow send_type="method_call"/> <allow send_type="signal"/>
-    <allow send_type="method_return"/> <allow send_type="error"/>
-    <allow receive_type="method_call"/> <allow receive_type="signal"/>
-    <allow receive_type="method_return"/> <allow receive_type="error"/>
-  </policy>
-</busconfig>
-CONF
-# Its only complaint as root is about the fd limit.
-setpriv --pdeathsig TERM -- dbus-daemon --config-file="$state/bus.conf" --nofork \
-    --print-address=3 3>"$state/bus.address" 2>/dev/null &
-for _ in $(seq 100); do
-    [ -s "$state/bus.address" ] && break
-    sleep 0.05
-done
-export DBUS_SYSTEM_BUS_ADDRESS
-DBUS_SYSTEM_BUS_ADDRESS=$(head -n1 "$state/bus.address")
-[ -n "$DBUS_SYSTEM_BUS_ADDRESS" ] || { echo "larkd-unit: dbus-daemon did not start" >&2; exit 1; }
+start_private_bus "$state" || { echo "larkd-unit: dbus-daemon did not start" >&2; exit 1; }
 
 setpriv --pdeathsig TERM -- "$sim" --unit "$unit" --mount-base /run/media >"$state/sim.log" 2>&1 &
 sim_pid=$!

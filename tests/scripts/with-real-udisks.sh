@@ -12,6 +12,7 @@
 # why) when this machine cannot run the real service: not root, udisks2 or udev
 # not installed, or udisksd not coming up.
 set -euo pipefail
+. "$(dirname "$0")/private-bus.sh"
 
 skip() {
     echo "SKIP: with-real-udisks: $*" >&2
@@ -103,33 +104,8 @@ for _ in $(seq 100); do
 done
 udevadm control --ping 2>/dev/null || skip "systemd-udevd did not start: $(tail -n3 "$work/udevd.log")"
 
-cat >"$work/bus.conf" <<EOF
-<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:path=$work/bus</listen>
-  <auth>EXTERNAL</auth>
-  <!-- Every client here is root; this allows what udisks2's own policy allows root. -->
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_type="method_call"/> <allow send_type="signal"/>
-    <allow send_type="method_return"/> <allow send_type="error"/>
-    <allow receive_type="method_call"/> <allow receive_type="signal"/>
-    <allow receive_type="method_return"/> <allow receive_type="error"/>
-  </policy>
-</busconfig>
-EOF
-setpriv --pdeathsig KILL -- dbus-daemon --config-file="$work/bus.conf" --nofork --print-address=3 3>"$work/address" 2>/dev/null &
-bus_pid=$!
-for _ in $(seq 100); do
-    [ -s "$work/address" ] && break
-    sleep 0.05
-done
-DBUS_SYSTEM_BUS_ADDRESS=$(head -n1 "$work/address")
-[ -n "$DBUS_SYSTEM_BUS_ADDRESS" ] || skip "dbus-daemon did not start"
-export DBUS_SYSTEM_BUS_ADDRESS
+# Every client here is root; the bus allows what udisks2's own policy allows root.
+start_private_bus "$work" || skip "dbus-daemon did not start"
 
 # The disk: a DOS partition table with one partition. Kernels without
 # partition-table support (like this project's CI machine) do not scan it, so

@@ -8,6 +8,7 @@
 # and stops both afterwards, whatever COMMAND does. Exits with COMMAND's status.
 # The simulator is UDISKS2_SIM_BINARY, else udisks2-sim on PATH, else the one in build/.
 set -euo pipefail
+. "$(dirname "$0")/private-bus.sh"
 if [ $# -lt 2 ]; then
     echo "usage: $0 UNITFILE COMMAND [ARG...]" >&2
     exit 2
@@ -33,35 +34,11 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 130' INT TERM
 
-cat >"$work/bus.conf" <<EOF
-<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <listen>unix:path=$work/bus</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_type="method_call"/> <allow send_type="signal"/>
-    <allow send_type="method_return"/> <allow send_type="error"/>
-    <allow receive_type="method_call"/> <allow receive_type="signal"/>
-    <allow receive_type="method_return"/> <allow receive_type="error"/>
-  </policy>
-</busconfig>
-EOF
-# Its only complaint as root is about the fd limit.
-dbus-daemon --config-file="$work/bus.conf" --nofork --print-address=3 3>"$work/address" 2>/dev/null &
-bus_pid=$!
-for _ in $(seq 100); do
-    [ -s "$work/address" ] && break
-    sleep 0.05
-done
-DBUS_SYSTEM_BUS_ADDRESS=$(head -n1 "$work/address")
-if [ -z "$DBUS_SYSTEM_BUS_ADDRESS" ]; then
+if ! start_private_bus "$work"; then
     echo "with-sim-bus: dbus-daemon did not start" >&2
     exit 1
 fi
-export DBUS_SYSTEM_BUS_ADDRESS UDISKS2_SIM="$sim"
+export UDISKS2_SIM="$sim"
 export SIM_MOUNT_BASE=${SIM_MOUNT_BASE:-$work/media}
 
 "$sim" --unit "$unit" --mount-base "$SIM_MOUNT_BASE" &
