@@ -6,11 +6,14 @@
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 cache_root=${1:-${LARKD_LAB_CACHE:-/var/cache/larkd-lab}}
+# Standard output carries the image's directory and nothing else: whatever
+# the tools below print goes to standard error.
+exec 3>&1 1>&2
 
 key=$(cat "$here/build-image.sh" "$here/guest-packages.txt" "$here/guest/lab-agent" "$here/guest/lab-agent.service" | sha256sum | cut -c1-16)
 image="$cache_root/$key"
 if [ -f "$image/complete" ]; then
-    echo "$image"
+    echo "$image" >&3
     exit 0
 fi
 
@@ -19,7 +22,7 @@ exec 9>"$cache_root/.lock"
 flock 9
 # Another build may have finished while we waited for the lock.
 if [ -f "$image/complete" ]; then
-    echo "$image"
+    echo "$image" >&3
     exit 0
 fi
 
@@ -30,7 +33,7 @@ trap 'rm -rf "$work"' EXIT
 started=$(date +%s)
 
 packages=$(grep -v '^#' "$here/guest-packages.txt" | grep -v '^$' | paste -sd, -)
-echo "lab: building the machine image from Debian packages (a few minutes)" >&2
+echo "lab: building the machine image from Debian packages (a few minutes)"
 # net.ifnames=0 gives the wired interface its unit name, eth0.
 mmdebstrap --variant=apt --include="$packages" \
     --customize-hook='echo lab > "$1/etc/hostname"' \
@@ -41,7 +44,7 @@ mmdebstrap --variant=apt --include="$packages" \
     --customize-hook='chroot "$1" systemctl enable lab-agent.service' \
     --customize-hook='chroot "$1" systemctl mask apt-daily.timer apt-daily-upgrade.timer man-db.timer e2scrub_all.timer fstrim.timer systemd-networkd-wait-online.service' \
     --customize-hook='cp -L "$1/vmlinuz" "$1/initrd.img" "$1/../"' \
-    bookworm "$work/root" http://deb.debian.org/debian >&2
+    bookworm "$work/root" http://deb.debian.org/debian
 
 mkfs.ext4 -q -L labroot -d "$work/root" "$work/rootfs.img" 3G
 rm -rf "$work/root"
@@ -50,5 +53,5 @@ touch "$work/complete"
 rm -rf "$image"
 mv "$work" "$image"
 trap - EXIT
-echo "lab: image built in $(cat "$image/build-seconds") s: $image" >&2
-echo "$image"
+echo "lab: image built in $(cat "$image/build-seconds") s: $image"
+echo "$image" >&3

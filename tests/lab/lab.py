@@ -81,6 +81,11 @@ def image_dir():
     started = time.monotonic()
     out = subprocess.run([os.path.join(HERE, "build-image.sh")], check=True,
                          stdout=subprocess.PIPE, text=True).stdout.strip()
+    missing = [name for name in ("vmlinuz", "initrd.img", "rootfs.img")
+               if not os.path.isfile(os.path.join(out, name))]
+    if not os.path.isabs(out) or missing:
+        raise SystemExit("lab: build-image.sh gave %r, not a directory holding the image (%s missing)"
+                         % (out, ", ".join(missing) or "not an absolute path"))
     log("image ready in %.1f s: %s" % (time.monotonic() - started, out))
     return out
 
