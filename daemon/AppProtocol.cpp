@@ -3,6 +3,7 @@
 
 #include "daemon/LarkDaemon.h"
 
+#include "daemon/AppRequest.h"
 #include "daemon/Logging.h"
 #include "sharing/ServiceListener.h"
 #include "sharing/ServicePublisher.h"
@@ -15,14 +16,13 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QHostAddress>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QTcpServer>
 #include <QTcpSocket>
 
 namespace
 {
+constexpr qint64 cAppReadBufferBytes = 64 * 1024;
+
 // A field of /proc/self/mounts, with the kernel's octal escapes (\040 for a
 // space) undone.
 QString MountsField(const QByteArray& field)
@@ -70,13 +70,36 @@ void tLarkDaemon::StartServer()
 
 void tLarkDaemon::OnAppPendingConnection()
 {
-    // One client at a time: a newer connection takes over, the older one is
-    // left as it is but no longer read from or written to.
-    m_AppSocket = m_AppServer->nextPendingConnection();
-    if (!m_AppSocket)
+    // One client at a time: a newer connection takes over. The older one is
+    // no longer read from or written to; it is closed when too many pile up
+    // and freed once its peer goes, so reconnecting never exhausts descriptors.
+    QTcpSocket* socket = m_AppServer->nextPendingConnection();
+    if (!socket)
         return;
+    if (m_AppSocket)
+        RetireAppSocket(m_AppSocket);
+    m_AppSocket = socket;
+    // Qt's own buffer stays as small as the framer's limit keeps the rest.
+    m_AppSocket->setReadBufferSize(cAppReadBufferBytes);
+    m_Framer.Reset();
     connect(m_AppSocket, &QTcpSocket::readyRead, this, &tLarkDaemon::OnReadyRead);
     RepublishAll();
+}
+
+void tLarkDaemon::RetireAppSocket(QTcpSocket* socket)
+{
+    disconnect(socket, &QTcpSocket::readyRead, this, &tLarkDaemon::OnReadyRead);
+    if (socket->state() != QAbstractSocket::ConnectedState) {
+        socket->deleteLater();
+        return;
+    }
+    // What an earlier client still sends is read and dropped, not buffered.
+    connect(socket, &QTcpSocket::readyRead, socket, [socket] { socket->skip(socket->bytesAvailable()); });
+    connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+    connect(socket, &QObject::destroyed, this, [this, socket] { m_EarlierAppSockets.removeOne(socket); });
+    m_EarlierAppSockets.append(socket);
+    while (m_EarlierAppSockets.size() > cMaxEarlierAppSockets)
+        m_EarlierAppSockets.takeFirst()->abort();
 }
 
 void tLarkDaemon::OnReadyRead()
@@ -87,16 +110,14 @@ void tLarkDaemon::OnReadyRead()
     qint64 received = 0;
     do {
         received = m_AppSocket->read(m_ReceiveBuffer.data(), capacity);
-        for (qint64 i = 0; i < received; ++i) {
-            const char byte = m_ReceiveBuffer[size_t(i)];
-            if (byte == '\0') {
-                const QByteArray message = m_PendingBytes;
-                m_PendingBytes.clear();
-                ProcessMessage(message);
-            } else {
-                m_PendingBytes.append(byte);
-            }
-        }
+        if (received <= 0)
+            break;
+        m_Framer.Feed(
+            m_ReceiveBuffer.data(), received, [this](const QByteArray& message) { ProcessMessage(message); },
+            [] {
+                qCWarning(lcDaemon, "tLarkDaemon::OnReadyRead(): message longer than %d bytes without a NUL, discarded",
+                          tMessageFramer::cMaxMessageBytes);
+            });
     } while (received == capacity);
 }
 
@@ -142,37 +163,33 @@ void tLarkDaemon::RepublishAll()
 
 void tLarkDaemon::ProcessMessage(const QByteArray& message)
 {
-    QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson(message, &error);
-    if (error.error != QJsonParseError::NoError) {
-        qCWarning(lcDaemon) << "tLarkDaemon::ProcessMessage: Failed to decode JSON data:" << error.errorString();
-        return;
-    }
-    const QJsonObject envelope = document.object().value(QStringLiteral("message")).toObject();
-    const QString type = envelope.value(QStringLiteral("type")).toString();
-    const QJsonValue content = envelope.value(QStringLiteral("content"));
-
-    if (type == QLatin1String("enquerydevicelist")) {
+    const tAppRequest request = ParseAppRequest(message);
+    switch (request.kind) {
+    case tAppRequest::Kind::Malformed:
+        qCWarning(lcDaemon) << "tLarkDaemon::ProcessMessage: Failed to decode JSON data:" << request.parseError;
+        break;
+    case tAppRequest::Kind::EnquireDeviceList:
         RepublishAll();
-    } else if (type == QLatin1String("chartsharing")) {
+        break;
+    case tAppRequest::Kind::ChartSharing:
         if (!m_TwoWayConnection) {
             qCWarning(lcDaemon, "Unexpected interface configuration message");
-            return;
+            break;
         }
         // Sharing starts again once the named interface is up, running and addressed.
         StopSharing();
         m_InterfaceMonitor->RemoveAllInterfaces();
-        const QJsonArray interfaces = content.toArray();
-        if (!interfaces.isEmpty())
-            m_InterfaceMonitor->AddInterface(interfaces.first().toString());
-    } else if (type == QLatin1String("datasource")) {
-        const QJsonObject request = content.toObject().value(QStringLiteral("dataunmount")).toObject();
-        const QJsonValue path = request.value(QStringLiteral("path"));
-        if (!path.isString())
-            return;
-        DropRemoteVolume(path.toString(), request.value(QStringLiteral("keepunmounted")).toBool(false));
-    } else {
+        if (request.namesInterface)
+            m_InterfaceMonitor->AddInterface(request.interfaceName);
+        break;
+    case tAppRequest::Kind::DataUnmount:
+        DropRemoteVolume(request.path, request.keepUnmounted);
+        break;
+    case tAppRequest::Kind::Ignored:
+        break;
+    case tAppRequest::Kind::Unknown:
         qCDebug(lcDaemon, "tLarkDaemon::ProcessMessage: Wrong message from MFDApp");
+        break;
     }
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "daemon/DaemonConfig.h"
+#include "daemon/MessageFramer.h"
 #include "system/NetworkInterfaceMonitor.h"
 
 #include <QByteArray>
@@ -68,6 +69,7 @@ private:
     void RepublishAll();
     void ProcessMessage(const QByteArray& message);
     void DropRemoteVolume(const QString& path, bool keepUnmounted);
+    void RetireAppSocket(QTcpSocket* socket);
     bool AppConnected() const;
     // Sends one "dataarrival" document, NUL-terminated; returns its text.
     QByteArray SendToApp(const tVolumeDescription& description);
@@ -105,7 +107,10 @@ private:
     QTcpSocket* m_AppSocket = nullptr;
     QTcpServer* m_AppServer = nullptr;
     std::vector<char> m_ReceiveBuffer;
-    QByteArray m_PendingBytes;
+    tMessageFramer m_Framer;
+    // Earlier clients still connected, oldest first.
+    QList<QTcpSocket*> m_EarlierAppSockets;
+    static constexpr int cMaxEarlierAppSockets = 8;
     tLinuxInterfaceMonitor* m_InterfaceMonitor = nullptr;
     bool m_SharingActive = false;
 };

@@ -53,7 +53,7 @@ void tLarkDaemon::OnFileSystemAdded(const QString& node)
         return;
     tUDisks2Block* block = tUDisks2::Block(node);
     tFileSystem* fileSystem = block ? block->FileSystem() : nullptr;
-    if (!fileSystem)
+    if (!fileSystem || !fileSystem->IsValid())
         return;
     m_FileSystems.insert(node, fileSystem);
 
@@ -148,9 +148,12 @@ void tLarkDaemon::ManualScan()
     const QString serialNumber = SerialNumber();
 
     for (const QString& node : tUDisks2::BlockDevices()) {
+        // Only a valid filesystem is entered: an invalid one (a whole disk's)
+        // is replaced by the registry when the enumeration below revisits it.
         tUDisks2Block* block = tUDisks2::Block(node);
-        if (block && block->FileSystem())
-            m_FileSystems.insert(node, block->FileSystem());
+        tFileSystem* fileSystem = block ? block->FileSystem() : nullptr;
+        if (fileSystem && fileSystem->IsValid())
+            m_FileSystems.insert(node, fileSystem);
     }
     qCDebug(lcDaemon, "tLarkDaemon::ManualScan(): filesystems = %s", Describe(m_FileSystems).constData());
 

@@ -4,8 +4,14 @@
 
 #include <QCoreApplication>
 
+#include <malloc.h>
+
 int main(int argc, char* argv[])
 {
+    // A fixed threshold: large buffers (a message near its 1 MiB limit) are
+    // mapped and given back when freed, instead of raising the threshold and
+    // staying resident in the heap for the daemon's lifetime.
+    mallopt(M_MMAP_THRESHOLD, 128 * 1024);
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("larkd"));
     QCoreApplication::setApplicationVersion(QStringLiteral("2.0"));

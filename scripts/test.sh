@@ -8,6 +8,16 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 jobs=$(nproc)
 
+# A new machine has neither the lab's machine image nor the armhf sysroot.
+# Under CI both are built afresh in a temporary cache, so that every run
+# proves the path a new user's first run takes.
+if [ -n "${CI:-}" ]; then
+    fresh=$(mktemp -d /var/tmp/larkd-first-run.XXXXXX)
+    trap 'rm -rf "$fresh"' EXIT
+    export LARKD_LAB_CACHE="$fresh/lab" LARKD_ARMHF_SYSROOT_CACHE="$fresh/armhf-sysroot"
+    echo "== CI: machine image and armhf sysroot built afresh in $fresh"
+fi
+
 echo "== normal build"
 "$root/scripts/setup.sh" build -DLARKD_WERROR=ON
 (cd "$root/build" && ctest --output-on-failure -j"$jobs" -LE vm)

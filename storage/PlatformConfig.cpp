@@ -6,12 +6,17 @@ const char* const PlatformConfigPath = "/run/corvex_platform/config";
 
 PlatformConfig ReadPlatformConfig()
 {
-    PlatformConfig config;
     QFile file(QString::fromLatin1(PlatformConfigPath));
     if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
-        return config;
-    while (!file.atEnd()) {
-        const QByteArray raw = file.readLine();
+        return PlatformConfig();
+    return ParsePlatformConfig(file);
+}
+
+PlatformConfig ParsePlatformConfig(QIODevice& input)
+{
+    PlatformConfig config;
+    while (!input.atEnd()) {
+        const QByteArray raw = input.readLine();
         // The platform layer may leave NUL padding; a line ends at its first NUL.
         const QString line = QString::fromLocal8Bit(raw.constData());
         const int equals = line.indexOf(QLatin1Char('='));

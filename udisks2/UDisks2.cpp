@@ -139,7 +139,11 @@ void tUDisks2::AddBlock(const QString& node)
 void tUDisks2::RemoveBlock(const QString& node)
 {
     qCDebug(lcUDisks2) << "tUDisks2::RemoveBlock(): block:" << node;
-    delete m_Blocks.take(node);
+    tUDisks2Block* block = m_Blocks.take(node);
+    // Whoever holds the block's filesystem hears of its end before it goes.
+    if (block)
+        block->RemoveFilesystem();
+    delete block;
 }
 
 void tUDisks2::AddDrive(const QString& node)

@@ -148,8 +148,10 @@ void tUDisks2Block::AddFilesystem()
 
 void tUDisks2Block::SetFileSystem(tUDisks2FileSystem* fileSystem)
 {
+    // A replaced filesystem goes the one way every filesystem goes, announced
+    // first, so that nobody keeps a pointer to it.
     if (fileSystem != m_FileSystem)
-        delete m_FileSystem;
+        RemoveFilesystem();
     m_FileSystem = fileSystem;
 }
 

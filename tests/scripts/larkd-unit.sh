@@ -54,4 +54,6 @@ echo "$DBUS_SYSTEM_BUS_ADDRESS" >"$state/bus"
 export PATH="$here/standins:$PATH"
 export LARKD_RECORD_FILE="$state/calls" LARKD_STANDIN_TMPFS=1
 : >"$LARKD_RECORD_FILE"
-exec "$larkd" --disable-syslog "$@"
+# LARKD_UNIT_SYSLOG=1 leaves larkd's log to syslog(3), read from /dev/log by the caller.
+[ -n "${LARKD_UNIT_SYSLOG:-}" ] || set -- --disable-syslog "$@"
+exec "$larkd" "$@"
