@@ -1,6 +1,7 @@
 #include "daemon/DaemonConfig.h"
 #include "daemon/LarkDaemon.h"
 #include "daemon/Logging.h"
+#include "daemon/ServiceManagerNotifier.h"
 
 #include <QCoreApplication>
 
@@ -26,6 +27,9 @@ int main(int argc, char* argv[])
     if (!config.disableSyslog)
         qInstallMessageHandler(SyslogMessageOutput);
 
+    tServiceManagerNotifier serviceManager;
     tLarkDaemon daemon(config);
+    // Constructed, the daemon listens for the application and has scanned.
+    serviceManager.Ready();
     return QCoreApplication::exec();
 }

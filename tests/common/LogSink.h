@@ -4,6 +4,7 @@
 #include <QFile>
 #include <QList>
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -25,6 +26,12 @@ public:
     tLogSink& operator=(const tLogSink&) = delete;
 
     bool IsBound() const { return m_Bound; }
+    // Blocks until a datagram is there: true, or the time is up: false.
+    bool Wait(int timeoutMs)
+    {
+        pollfd ready = {m_Fd, POLLIN, 0};
+        return poll(&ready, 1, timeoutMs) == 1;
+    }
     // Every datagram received since the last call.
     QList<QByteArray> Drain()
     {

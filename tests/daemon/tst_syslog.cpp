@@ -1,9 +1,12 @@
 // Syslog output read from a real /dev/log datagram socket, bound inside a
-// private mount namespace (needs root for unshare).
+// private mount namespace (needs root for unshare); the service manager's
+// notification socket is such a datagram socket too.
 #include "DaemonProcess.h"
 #include "LogSink.h"
 #include "daemon/Logging.h"
 
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -22,6 +25,13 @@ QByteArray Find(const QList<QByteArray>& lines, const QByteArray& text)
             return line;
     return {};
 }
+
+quint16 FreePort()
+{
+    QTcpServer probe;
+    probe.listen(QHostAddress::LocalHost, 0);
+    return probe.serverPort();
+}
 } // namespace
 
 class tSyslogTest : public QObject
@@ -31,6 +41,7 @@ private slots:
     void initTestCase();
     void priorityAndBareText();
     void daemonLogsToSyslogUnlessDisabled();
+    void tellsServiceManager();
 
 private:
     QTemporaryDir m_Dir;
@@ -108,6 +119,54 @@ void tSyslogTest::daemonLogsToSyslogUnlessDisabled()
         } else {
             QVERIFY(!err.contains("SIGTERM"));
         }
+    }
+}
+
+void tSyslogTest::tellsServiceManager()
+{
+    for (const bool watchdog : {false, true}) {
+        const QString tag = watchdog ? "-watchdog" : "";
+        const QString logPath = m_Dir.filePath("log4" + tag);
+        const QString notifyPath = m_Dir.filePath("notify" + tag);
+        tLogSink log(logPath);
+        tLogSink manager(notifyPath);
+        QVERIFY(log.IsBound() && manager.IsBound());
+        const quint16 port = FreePort();
+        QProcess larkd;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("NOTIFY_SOCKET", notifyPath);
+        if (watchdog)
+            env.insert("WATCHDOG_USEC", "200000");
+        larkd.setProcessEnvironment(env);
+        larkd.start(TestScript("with-devlog.sh"),
+                    {logPath, LarkdBinary(), "--disable-chart-sharing", "--port", QString::number(port)});
+        QVERIFY(larkd.waitForStarted());
+
+        // Blocking, so that whatever was sent before READY=1 is checked the
+        // moment it arrives: the scan's log line, sent after the server listened.
+        QList<QByteArray> got;
+        while (!got.contains("READY=1"))
+            QVERIFY(manager.Wait(10000) && !(got += manager.Drain()).isEmpty());
+        QVERIFY(!Find(log.Drain(), "tLarkDaemon::ManualScan()").isEmpty());
+        QCOMPARE(got.first(), QByteArray("READY=1"));
+        QTcpSocket application;
+        application.connectToHost(QHostAddress::LocalHost, port);
+        QVERIFY(application.waitForConnected(1000));
+
+        QTest::qWait(500); // 5 pings at 100 ms
+        got += manager.Drain();
+        if (watchdog)
+            QVERIFY2(got.count("WATCHDOG=1") >= 2, got.join('|').constData());
+        else
+            QCOMPARE(got.count("WATCHDOG=1"), 0);
+
+        SendSignal(larkd, SIGTERM);
+        QVERIFY(larkd.waitForFinished(10000));
+        QCOMPARE(larkd.exitCode(), 0);
+        got += manager.Drain();
+        QCOMPARE(got.count("READY=1"), 1);
+        QCOMPARE(got.count("STOPPING=1"), 1);
+        QCOMPARE(got.last(), QByteArray("STOPPING=1"));
     }
 }
 

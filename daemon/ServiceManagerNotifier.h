@@ -1,0 +1,25 @@
+#pragma once
+
+#include <QObject>
+
+class QTimer;
+
+// Tells the service manager that started larkd (a Type=notify unit) when it is
+// ready, when it stops, and that its event loop still turns. Started any other
+// way (no NOTIFY_SOCKET) it sends nothing.
+class tServiceManagerNotifier : public QObject
+{
+    Q_OBJECT
+public:
+    // Starts the watchdog pings when the service manager asks for them, and
+    // says STOPPING=1 as soon as the event loop has been told to end.
+    explicit tServiceManagerNotifier(QObject* parent = nullptr);
+
+    // READY=1: the caller has finished starting up.
+    void Ready();
+
+private:
+    void Notify(const char* state);
+
+    QTimer* m_Watchdog = nullptr;
+};
