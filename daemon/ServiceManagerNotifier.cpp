@@ -42,6 +42,9 @@ void tServiceManagerNotifier::Notify(const char* state)
 {
     // The environment is kept: the watchdog needs NOTIFY_SOCKET for the whole run.
     const int result = sd_notify(0, state);
-    if (result < 0)
+    // Once: a broken socket would otherwise warn at every watchdog ping.
+    if (result < 0 && !m_FailureLogged) {
+        m_FailureLogged = true;
         qCWarning(lcDaemon, "tServiceManagerNotifier: %s not sent: error %d", state, -result);
+    }
 }

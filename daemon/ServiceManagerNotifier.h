@@ -22,4 +22,5 @@ private:
     void Notify(const char* state);
 
     QTimer* m_Watchdog = nullptr;
+    bool m_FailureLogged = false;
 };
