@@ -174,7 +174,8 @@ void tNfsFileSystemTest::unmountRemovesTheDirectory()
     fileSystem.SetMountRoot(m_Dir.path());
     const QString path = MountAndWait(fileSystem, QStringLiteral("ro"));
     QVERIFY(QFileInfo(path).isDir());
-    QTest::ignoreMessage(QtInfoMsg, qPrintable(QStringLiteral("tNfsFileSystem::Unmount(): Successfully unmounted ") + path));
+    const QString unmounted = QStringLiteral("tNfsFileSystem::Unmount(): Successfully unmounted ") + path;
+    QTest::ignoreMessage(QtInfoMsg, qPrintable(unmounted));
     QVERIFY(UnmountAndWait(fileSystem));
     QVERIFY(!QFileInfo::exists(path));
     // The path is kept for the next mount.
