@@ -158,10 +158,10 @@ bool tServiceListener::ProcessDatagram(const QByteArray& datagram, const QHostAd
         if (!m_Services.contains(share.source)) {
             // A withdrawn share's timer still runs, so it counts until it expires.
             if (!m_Timers.contains(share.source) && m_Timers.size() >= cMaxShares) {
+                // The sender's text stays out: syslog takes the line as its format.
                 if (!m_FullWarned)
-                    qCWarning(lcServiceListener,
-                              "tServiceListener::OnReadyRead(): %d shares known, ignoring %s and further ones",
-                              cMaxShares, qUtf8Printable(share.source));
+                    qCWarning(lcServiceListener, "tServiceListener::OnReadyRead(): %d shares known, ignoring new ones",
+                              cMaxShares);
                 m_FullWarned = true;
                 break;
             }
@@ -241,7 +241,7 @@ bool tServiceListener::IsPeer(const QHostAddress& sender)
     // With only fresh entries left the answer is not kept: such a sender
     // is checked again, as every sender was before.
     if (m_PeerChecks.size() < cMaxPeerChecks)
-        m_PeerChecks.insert(address, tPeerCheck{fromPeer, QDeadlineTimer(m_ExpiryMs)});
+        m_PeerChecks.insert(address, tPeerCheck{fromPeer, QDeadlineTimer(qMax(m_ExpiryMs, 0))});
     return fromPeer;
 }
 

@@ -134,7 +134,7 @@ void tNfsFileSystem::OnProcessEnded(QProcess* process, tOutcome outcome)
 QString tNfsFileSystem::Mount(const QString& options)
 {
     if (m_Process) {
-        qCWarning(lcNfs, "tNfsFileSystem::Mount(): %s is busy", qUtf8Printable(m_MountPath));
+        qCWarning(lcNfs, "tNfsFileSystem::Mount(): still busy, not mounting");
         return QString();
     }
     m_Options = options;

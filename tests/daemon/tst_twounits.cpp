@@ -204,8 +204,9 @@ void tTwoUnitsTest::peerCardBecomesARemoteVolume()
     arrivals = m_AppB->TakeArrivals(1, 10000);
     QCOMPARE(arrivals.size(), 1);
     QVERIFY(IsRemoval(arrivals.first(), AppPath(cChartsDir)));
-    QCOMPARE(m_UnitB->Calls(QStringLiteral("umount")),
-             QStringList{QStringLiteral("-fl\t") + cNfsRoot + QLatin1Char('/') + cChartsDir});
+    // The application is told at once, while umount may still run.
+    QTRY_COMPARE(m_UnitB->Calls(QStringLiteral("umount")),
+                 QStringList{QStringLiteral("-fl\t") + cNfsRoot + QLatin1Char('/') + cChartsDir});
 
     // A falls silent: its last share expires on B.
     QVERIFY(m_UnitA->Stop());
@@ -215,7 +216,7 @@ void tTwoUnitsTest::peerCardBecomesARemoteVolume()
     QCOMPARE(arrivals.size(), 1);
     QVERIFY(IsRemoval(arrivals.first(), AppPath(cMapsDir)));
     QVERIFY2(silence.elapsed() >= cExpiryMs.toInt() - 1000, qPrintable(QString::number(silence.elapsed())));
-    QCOMPARE(m_UnitB->Calls(QStringLiteral("umount")).size(), 2);
+    QTRY_COMPARE(m_UnitB->Calls(QStringLiteral("umount")).size(), 2);
 }
 
 void tTwoUnitsTest::applicationLetsARemoteVolumeGo()
@@ -302,7 +303,8 @@ void tTwoUnitsTest::peerThatNeverAnswersHoldsNothingUp()
     QVERIFY(WriteMediumSysfs(QStringLiteral("right"), QStringLiteral("photos")));
     QVERIFY(m_UnitB->Insert(QStringLiteral("right"), QStringLiteral("photos")));
     QCOMPARE(Paths(m_AppB->TakeArrivals(1, 2000)), QStringList{QStringLiteral("/run/media/PHOTOS")});
-    QTRY_COMPARE_WITH_TIMEOUT(m_UnitA->Calls(QStringLiteral("mount")).size(), 1, 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        m_UnitA->Calls(QStringLiteral("mount")).join(QLatin1Char('\n')).contains(QStringLiteral("PHOTOS")), 10000);
 
     // For two expiry periods B answers its application in time, without the
     // share whose mount has not answered, and both units keep announcing:
@@ -316,7 +318,7 @@ void tTwoUnitsTest::peerThatNeverAnswersHoldsNothingUp()
         QVERIFY(!listed.contains(AppPath(cChartsDir)));
         QTest::qWait(250);
     }
-    // (B's own first card, removed at the start, may have reached A.)
+    // (B's first card, removed at the start, may have reached A briefly.)
     QVERIFY(!m_UnitA->Calls(QStringLiteral("umount")).join(QLatin1Char('\n')).contains(QStringLiteral("PHOTOS")));
     QCOMPARE(m_UnitB->Calls(QStringLiteral("umount")), QStringList());
 
