@@ -88,7 +88,8 @@ tLarkDaemon::tLarkDaemon(const tDaemonConfig& config, QObject* parent)
 
 tLarkDaemon::~tLarkDaemon()
 {
-    // Peer shares have no parent; they stay mounted, only the objects go.
+    // Peer shares stay mounted, only the objects go; those being unmounted
+    // are children. A mount or umount still running is killed, not awaited.
     qDeleteAll(m_RemoteFileSystems);
 }
 

@@ -26,6 +26,11 @@ constexpr unsigned cArpAttempts = 4;
 constexpr unsigned long cArpRetryMs = 250;
 // The discard port: the datagram only has to make the kernel resolve the neighbour.
 constexpr quint16 cNudgePort = 9;
+// Far more than a peer shares; spoofed announcements could otherwise make
+// the daemon mount without end.
+constexpr int cMaxShares = 64;
+// Senders remembered by the peer check; expired entries go first when full.
+constexpr int cMaxPeerChecks = 256;
 
 QHostAddress GroupAddress()
 {
@@ -83,6 +88,7 @@ void tServiceListener::DropService(const QString& source, bool keepUnmounted)
     } else {
         // The next announcement brings the share back with a timer of its own.
         delete m_Timers.take(source);
+        m_FullWarned = false;
     }
     Q_EMIT ServiceRemoved(share);
 }
@@ -115,7 +121,7 @@ bool tServiceListener::ProcessDatagram(const QByteArray& datagram, const QHostAd
 
     // Any datagram from the peer, even the keep-alive byte, tells us its address.
     bool fromPeer = false;
-    if (m_PeerCheckEnabled && IsPacketFromPeer(sender)) {
+    if (m_PeerCheckEnabled && IsPeer(sender)) {
         Q_EMIT PeerDiscovered(sender.toString());
         fromPeer = true;
     }
@@ -150,6 +156,15 @@ bool tServiceListener::ProcessDatagram(const QByteArray& datagram, const QHostAd
             return false;
         }
         if (!m_Services.contains(share.source)) {
+            // A withdrawn share's timer still runs, so it counts until it expires.
+            if (!m_Timers.contains(share.source) && m_Timers.size() >= cMaxShares) {
+                // The sender's text stays out: syslog takes the line as its format.
+                if (!m_FullWarned)
+                    qCWarning(lcServiceListener, "tServiceListener::OnReadyRead(): %d shares known, ignoring new ones",
+                              cMaxShares);
+                m_FullWarned = true;
+                break;
+            }
             m_Services.insert(share.source, share);
             auto* timer = new QTimer(this);
             timer->setSingleShot(true);
@@ -186,6 +201,7 @@ void tServiceListener::OnServiceTimeout()
     m_Services.remove(key);
     m_Timers.remove(key);
     m_Ignored.remove(key);
+    m_FullWarned = false;
     timer->deleteLater();
 }
 
@@ -204,6 +220,29 @@ void tServiceListener::Nudge(const QHostAddress& sender)
     m_Socket->writeDatagram(QByteArray(1, '\0'), sender, cNudgePort);
     QThread::msleep(cArpRetryMs);
     m_PeerCheckWaited = true;
+}
+
+bool tServiceListener::IsPeer(const QHostAddress& sender)
+{
+    // A sender that does not resolve costs a second's stall per check.
+    const quint32 address = sender.toIPv4Address();
+    const auto cached = m_PeerChecks.constFind(address);
+    if (cached != m_PeerChecks.constEnd() && !cached->until.hasExpired())
+        return cached->fromPeer;
+    if (m_PeerChecks.size() >= cMaxPeerChecks) {
+        for (auto it = m_PeerChecks.begin(); it != m_PeerChecks.end();) {
+            if (it->until.hasExpired())
+                it = m_PeerChecks.erase(it);
+            else
+                ++it;
+        }
+    }
+    const bool fromPeer = IsPacketFromPeer(sender);
+    // With only fresh entries left the answer is not kept: such a sender
+    // is checked again, as every sender was before.
+    if (m_PeerChecks.size() < cMaxPeerChecks)
+        m_PeerChecks.insert(address, tPeerCheck{fromPeer, QDeadlineTimer(qMax(m_ExpiryMs, 0))});
+    return fromPeer;
 }
 
 bool tServiceListener::IsPacketFromPeer(const QHostAddress& sender)

@@ -2,6 +2,8 @@
 
 #include "sharing/NfsData.h"
 
+#include <QDeadlineTimer>
+#include <QHash>
 #include <QMap>
 #include <QObject>
 #include <QSet>
@@ -39,6 +41,8 @@ private slots:
 
 private:
     bool IsOwnAddress(const QHostAddress& sender) const;
+    // IsPacketFromPeer's answer, asked at most once per expiry period and sender.
+    bool IsPeer(const QHostAddress& sender);
     bool IsPacketFromPeer(const QHostAddress& sender);
     void Nudge(const QHostAddress& sender);
     // False when processing must stop for this batch of datagrams.
@@ -53,4 +57,11 @@ private:
     QString m_InterfaceName;
     QUdpSocket* m_Socket = nullptr;
     bool m_PeerCheckWaited = false; // the current datagram's peer check had to sleep
+    struct tPeerCheck
+    {
+        bool fromPeer;
+        QDeadlineTimer until;
+    };
+    QHash<quint32, tPeerCheck> m_PeerChecks; // by IPv4 address
+    bool m_FullWarned = false; // the share limit was reported since it was last reached
 };

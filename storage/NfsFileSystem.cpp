@@ -5,29 +5,49 @@
 
 #include <QDir>
 #include <QProcess>
+#include <QTimer>
 
 namespace
 {
-constexpr int cProcessWaitMs = 30000;
-
-// A program that could not start or did not finish also ends with code 0.
-bool Succeeded(const QProcess& process)
-{
-    return process.error() == QProcess::UnknownError && process.state() == QProcess::NotRunning
-           && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
-}
+// SIGKILL ends a program at once unless it is stuck in the kernel.
+constexpr int cKillWaitMs = 2000;
+// What QProcess's own waits say when they give up.
+const char* const cTimedOutText = "Process operation timed out";
 } // namespace
 
 tNfsFileSystem::tNfsFileSystem(const tNfsData& data, QObject* parent)
     : tFileSystem(parent)
     , m_Source(data.source)
     , m_Info(new tNfsFileSystemInfo(data, this))
+    , m_Timeout(new QTimer(this))
 {
+    m_Timeout->setSingleShot(true);
+    connect(m_Timeout, &QTimer::timeout, this, [this] {
+        m_TimedOut = true;
+        if (m_Process)
+            m_Process->kill();
+    });
+}
+
+tNfsFileSystem::~tNfsFileSystem()
+{
+    if (!m_Process)
+        return;
+    // Killed without its results reaching this half-destroyed object, and
+    // waited for here: QProcess's destructor would warn and wait up to 30 s.
+    m_Process->disconnect(this);
+    m_Process->kill();
+    m_Process->waitForFinished(cKillWaitMs);
 }
 
 void tNfsFileSystem::SetMountRoot(const QString& root)
 {
     m_MountRoot = root;
+}
+
+void tNfsFileSystem::SetProcessTimeout(int ms)
+{
+    m_ProcessTimeoutMs = ms;
 }
 
 tFileSystemInfo* tNfsFileSystem::Info() const
@@ -52,67 +72,152 @@ QString tNfsFileSystem::MountPathFor(const QString& source)
     return m_MountRoot + QString(source).replace(QLatin1Char('/'), QLatin1Char('-'));
 }
 
-QString tNfsFileSystem::Mount(const QString& options)
+void tNfsFileSystem::Run(tStep step, const QString& program, const QStringList& arguments)
 {
-    bool makeDirectory = true;
-    if (m_MountPath.isEmpty()) {
-        m_MountPath = MountPathFor(m_Source);
-    } else {
-        QProcess check;
-        check.start(QStringLiteral("mountpoint"), {QStringLiteral("-q"), m_MountPath});
-        check.waitForFinished(cProcessWaitMs);
-        if (Succeeded(check)) {
+    m_Step = step;
+    m_TimedOut = false;
+    auto* process = new QProcess(this);
+    m_Process = process;
+    process->setProcessChannelMode(QProcess::MergedChannels);
+    connect(process, &QProcess::errorOccurred, this, [this, process](QProcess::ProcessError error) {
+        // The other errors end with finished().
+        if (error == QProcess::FailedToStart)
+            OnProcessEnded(process, tOutcome::FailedToStart);
+    });
+    connect(process, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished), this,
+            [this, process](int exitCode, QProcess::ExitStatus status) {
+                if (m_TimedOut)
+                    OnProcessEnded(process, tOutcome::TimedOut);
+                else if (status == QProcess::NormalExit && exitCode == 0)
+                    OnProcessEnded(process, tOutcome::Succeeded);
+                else
+                    OnProcessEnded(process, tOutcome::Failed);
+            });
+    m_Timeout->start(m_ProcessTimeoutMs);
+    process->start(program, arguments);
+}
+
+void tNfsFileSystem::OnProcessEnded(QProcess* process, tOutcome outcome)
+{
+    if (process != m_Process)
+        return;
+    m_Timeout->stop();
+    m_Process = nullptr;
+    process->deleteLater();
+
+    if (m_UnmountRequested && m_Step != tStep::Unmount) {
+        // The mount was abandoned; whatever it got as far as is undone.
+        m_UnmountRequested = false;
+        m_Mounting = false;
+        StartUmount();
+        return;
+    }
+    switch (m_Step) {
+    case tStep::Check:
+        if (outcome == tOutcome::Succeeded) {
             // Mounting again anyway lets mount itself judge what is there.
             qCWarning(lcNfs, "tNfsFileSystem::Mount(): %s is already mounted", qUtf8Printable(m_MountPath));
-            makeDirectory = false;
+            StartMountCommand(false);
+        } else {
+            StartMountCommand(true);
         }
+        break;
+    case tStep::Mount:
+        OnMountEnded(*process, outcome);
+        break;
+    case tStep::Unmount:
+        OnUmountEnded(*process, outcome);
+        break;
     }
-    if (makeDirectory)
-        QDir().mkdir(m_MountPath);
+}
 
-    QProcess process;
-    QStringList arguments{QStringLiteral("-t"), QStringLiteral("nfs"), m_Source, m_MountPath};
-    if (!options.isEmpty())
-        arguments << QStringLiteral("-o") << options;
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(QStringLiteral("mount"), arguments);
-    process.waitForFinished(cProcessWaitMs);
-    if (Succeeded(process))
-        return m_MountPath;
-
-    m_MountPath.clear();
-    qCWarning(lcNfs, "tNfsFileSystem::Mount(): Mount command failed:\n%s", process.readAll().constData());
-    if (process.state() != QProcess::NotRunning) {
-        process.kill();
-        process.waitForFinished();
+QString tNfsFileSystem::Mount(const QString& options)
+{
+    if (m_Process) {
+        qCWarning(lcNfs, "tNfsFileSystem::Mount(): still busy, not mounting");
+        return QString();
+    }
+    m_Options = options;
+    m_Mounting = true;
+    if (m_MountPath.isEmpty()) {
+        m_MountPath = MountPathFor(m_Source);
+        StartMountCommand(true);
+    } else {
+        Run(tStep::Check, QStringLiteral("mountpoint"), {QStringLiteral("-q"), m_MountPath});
     }
     return QString();
 }
 
+void tNfsFileSystem::MountAfter(QObject* previous, const QString& options)
+{
+    m_Mounting = true;
+    connect(previous, &QObject::destroyed, this, [this, options] {
+        if (m_Mounting && !m_Process)
+            Mount(options);
+    });
+}
+
+void tNfsFileSystem::StartMountCommand(bool makeDirectory)
+{
+    m_MadeDirectory = makeDirectory && QDir().mkdir(m_MountPath);
+    QStringList arguments{QStringLiteral("-t"), QStringLiteral("nfs"), m_Source, m_MountPath};
+    if (!m_Options.isEmpty())
+        arguments << QStringLiteral("-o") << m_Options;
+    Run(tStep::Mount, QStringLiteral("mount"), arguments);
+}
+
+void tNfsFileSystem::OnMountEnded(QProcess& process, tOutcome outcome)
+{
+    m_Mounting = false;
+    if (outcome == tOutcome::Succeeded) {
+        Q_EMIT MountFinished(m_MountPath);
+        return;
+    }
+    qCWarning(lcNfs, "tNfsFileSystem::Mount(): Mount command failed:\n%s", process.readAll().constData());
+    // Otherwise every path a peer ever announced would leave a directory behind.
+    if (m_MadeDirectory)
+        QDir().rmdir(m_MountPath);
+    m_MountPath.clear();
+    Q_EMIT MountFinished(QString());
+}
+
 void tNfsFileSystem::Unmount()
 {
-    QProcess process;
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(QStringLiteral("umount"), {QStringLiteral("-fl"), m_MountPath});
-    if (!process.waitForStarted(cProcessWaitMs)) {
+    if (m_Mounting && !m_Process) {
+        // Still waiting to mount: nothing to undo.
+        m_Mounting = false;
+        QTimer::singleShot(0, this, &tNfsFileSystem::UnmountFinished);
+    } else if (!m_Process) {
+        StartUmount();
+    } else if (m_Step != tStep::Unmount) {
+        m_UnmountRequested = true;
+        m_Process->kill();
+    }
+}
+
+void tNfsFileSystem::StartUmount()
+{
+    Run(tStep::Unmount, QStringLiteral("umount"), {QStringLiteral("-fl"), m_MountPath});
+}
+
+void tNfsFileSystem::OnUmountEnded(QProcess& process, tOutcome outcome)
+{
+    switch (outcome) {
+    case tOutcome::FailedToStart:
         qCWarning(lcNfs, "tNfsFileSystem::Unmount(): waitForStarted() %s", qUtf8Printable(process.errorString()));
-        return;
+        break;
+    case tOutcome::TimedOut:
+        qCWarning(lcNfs, "tNfsFileSystem::Unmount(): waitForFinished() %s", cTimedOutText);
+        break;
+    case tOutcome::Succeeded:
+    case tOutcome::Failed:
+        if (outcome == tOutcome::Succeeded)
+            qCInfo(lcNfs, "tNfsFileSystem::Unmount(): Successfully unmounted %s", qUtf8Printable(m_MountPath));
+        else
+            qCInfo(lcNfs, "tNfsFileSystem::Unmount(): Failed to unmount %s", qUtf8Printable(m_MountPath));
+        // Fails harmlessly while the directory is still in use.
+        QDir().rmdir(m_MountPath);
+        break;
     }
-    if (!process.waitForFinished(cProcessWaitMs)) {
-        qCWarning(lcNfs, "tNfsFileSystem::Unmount(): waitForFinished() %s", qUtf8Printable(process.errorString()));
-        process.kill();
-        process.waitForFinished();
-        return;
-    }
-    if (process.state() != QProcess::NotRunning) {
-        qCWarning(lcNfs, "tNfsFileSystem::Unmount(): waitForFinished() returned but process is still running: %s",
-                  qUtf8Printable(process.errorString()));
-        return;
-    }
-    if (Succeeded(process))
-        qCInfo(lcNfs, "tNfsFileSystem::Unmount(): Successfully unmounted %s", qUtf8Printable(m_MountPath));
-    else
-        qCInfo(lcNfs, "tNfsFileSystem::Unmount(): Failed to unmount %s", qUtf8Printable(m_MountPath));
-    // Fails harmlessly while the directory is still in use.
-    QDir().rmdir(m_MountPath);
+    Q_EMIT UnmountFinished();
 }

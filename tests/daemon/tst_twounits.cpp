@@ -3,7 +3,8 @@
 // goes when it is pulled, when its unit falls silent, or when the display
 // application lets it go. Each unit is larkd with the UDisks2 simulator and
 // stand-ins for exportfs, mount, umount and mountpoint (NFS is stood in for
-// by tmpfs mounts named after the share).
+// by tmpfs mounts named after the share, and a peer that never answers by a
+// mount stand-in that hangs).
 
 #include "LarkdUnit.h"
 #include "NetnsPair.h"
@@ -45,6 +46,20 @@ bool IsRemoval(const QJsonObject& arrival, const QString& path)
 {
     return arrival.value(QStringLiteral("path")).toString() == path && arrival.value(QStringLiteral("type")).isNull();
 }
+
+QStringList Paths(const QList<QJsonObject>& arrivals)
+{
+    QStringList paths;
+    for (const QJsonObject& arrival : arrivals)
+        paths << arrival.value(QStringLiteral("path")).toString();
+    return paths;
+}
+
+bool Touch(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly);
+}
 } // namespace
 
 class tTwoUnitsTest : public QObject
@@ -57,6 +72,7 @@ private slots:
     void peerCardBecomesARemoteVolume();
     void applicationLetsARemoteVolumeGo();
     void eth0SharesWhileUpWithALinkLocalAddress();
+    void peerThatNeverAnswersHoldsNothingUp();
 
 private:
     // A exports writable to its peer; B mounts below its NFS root. Both share
@@ -73,6 +89,9 @@ private:
     std::unique_ptr<tLarkdUnit> m_UnitB;
     std::unique_ptr<tAppConnection> m_AppA;
     std::unique_ptr<tAppConnection> m_AppB;
+    QTemporaryDir m_Dir;
+    QString m_Hangs;
+    QString m_Refused;
 };
 
 void tTwoUnitsTest::initTestCase()
@@ -83,6 +102,11 @@ void tTwoUnitsTest::initTestCase()
         QSKIP(qPrintable(QStringLiteral("network namespace test: ") + unavailable));
     QString error;
     QVERIFY2(PrepareUnitMachine(&error), qPrintable(error));
+    // The units' mount stand-ins hang or refuse while these files exist.
+    m_Hangs = m_Dir.filePath(QStringLiteral("hangs"));
+    m_Refused = m_Dir.filePath(QStringLiteral("refused"));
+    qputenv("LARKD_MOUNT_HANGS", m_Hangs.toLocal8Bit());
+    qputenv("LARKD_MOUNT_REFUSED", m_Refused.toLocal8Bit());
 }
 
 void tTwoUnitsTest::init()
@@ -117,6 +141,8 @@ void tTwoUnitsTest::cleanup()
     m_UnitA.reset();
     m_UnitB.reset();
     m_Pair.reset();
+    QFile::remove(m_Hangs);
+    QFile::remove(m_Refused);
 }
 
 bool tTwoUnitsTest::StartUnit(std::unique_ptr<tLarkdUnit>& unit, std::unique_ptr<tAppConnection>& app,
@@ -178,8 +204,9 @@ void tTwoUnitsTest::peerCardBecomesARemoteVolume()
     arrivals = m_AppB->TakeArrivals(1, 10000);
     QCOMPARE(arrivals.size(), 1);
     QVERIFY(IsRemoval(arrivals.first(), AppPath(cChartsDir)));
-    QCOMPARE(m_UnitB->Calls(QStringLiteral("umount")),
-             QStringList{QStringLiteral("-fl\t") + cNfsRoot + QLatin1Char('/') + cChartsDir});
+    // The application is told at once, while umount may still run.
+    QTRY_COMPARE(m_UnitB->Calls(QStringLiteral("umount")),
+                 QStringList{QStringLiteral("-fl\t") + cNfsRoot + QLatin1Char('/') + cChartsDir});
 
     // A falls silent: its last share expires on B.
     QVERIFY(m_UnitA->Stop());
@@ -189,7 +216,7 @@ void tTwoUnitsTest::peerCardBecomesARemoteVolume()
     QCOMPARE(arrivals.size(), 1);
     QVERIFY(IsRemoval(arrivals.first(), AppPath(cMapsDir)));
     QVERIFY2(silence.elapsed() >= cExpiryMs.toInt() - 1000, qPrintable(QString::number(silence.elapsed())));
-    QCOMPARE(m_UnitB->Calls(QStringLiteral("umount")).size(), 2);
+    QTRY_COMPARE(m_UnitB->Calls(QStringLiteral("umount")).size(), 2);
 }
 
 void tTwoUnitsTest::applicationLetsARemoteVolumeGo()
@@ -260,6 +287,70 @@ void tTwoUnitsTest::eth0SharesWhileUpWithALinkLocalAddress()
     arrivals = m_AppB->TakeArrivals(1, 20000);
     QCOMPARE(arrivals.size(), 1);
     QCOMPARE(arrivals.first().value(QStringLiteral("path")).toString(), AppPath(cChartsDir));
+}
+
+void tTwoUnitsTest::peerThatNeverAnswersHoldsNothingUp()
+{
+    QVERIFY(Touch(m_Hangs));
+    QVERIFY(StartUnits());
+    const QString chartsMount = cNfsRoot + QLatin1Char('/') + cChartsDir;
+    QTRY_VERIFY2_WITH_TIMEOUT(m_UnitB->Calls(QStringLiteral("mount")).size() == 1,
+                              (m_UnitA->Log() + "\n=====B\n" + m_UnitB->Log()).constData(), 15000);
+    QVERIFY(QFileInfo(m_UnitB->Inside(chartsMount)).isDir());
+
+    // While B's mount of A's card hangs, B's own card is reported at once
+    // and announced to A, whose mount of it hangs in turn.
+    QVERIFY(WriteMediumSysfs(QStringLiteral("right"), QStringLiteral("photos")));
+    QVERIFY(m_UnitB->Insert(QStringLiteral("right"), QStringLiteral("photos")));
+    QCOMPARE(Paths(m_AppB->TakeArrivals(1, 2000)), QStringList{QStringLiteral("/run/media/PHOTOS")});
+    QTRY_VERIFY_WITH_TIMEOUT(
+        m_UnitA->Calls(QStringLiteral("mount")).join(QLatin1Char('\n')).contains(QStringLiteral("PHOTOS")), 10000);
+
+    // For two expiry periods B answers its application in time, without the
+    // share whose mount has not answered, and both units keep announcing:
+    // neither lets the other's share expire (which would unmount it).
+    QElapsedTimer clock;
+    clock.start();
+    while (!clock.hasExpired(2 * cExpiryMs.toInt())) {
+        m_AppB->Send(AppRequest(QStringLiteral("enquerydevicelist")));
+        const QStringList listed = Paths(m_AppB->TakeArrivals(1, 200));
+        QVERIFY2(listed.contains(QStringLiteral("/run/media/PHOTOS")), qPrintable(listed.join(QLatin1Char(' '))));
+        QVERIFY(!listed.contains(AppPath(cChartsDir)));
+        QTest::qWait(250);
+    }
+    // (B's first card, removed at the start, may have reached A briefly.)
+    QVERIFY(!m_UnitA->Calls(QStringLiteral("umount")).join(QLatin1Char('\n')).contains(QStringLiteral("PHOTOS")));
+    QCOMPARE(m_UnitB->Calls(QStringLiteral("umount")), QStringList());
+
+    // Withdrawn while mounting: the mount is killed and its path unmounted,
+    // and the application hears nothing of it.
+    QVERIFY(m_UnitA->Remove(QStringLiteral("left")));
+    const QStringList unmounted{QStringLiteral("-fl\t") + chartsMount};
+    QTRY_COMPARE_WITH_TIMEOUT(m_UnitB->Calls(QStringLiteral("umount")), unmounted, 5000);
+    QTRY_VERIFY(!QFileInfo::exists(m_UnitB->Inside(chartsMount)));
+    QTest::qWait(200);
+    QCOMPARE(m_AppB->TakeArrivals(0).size(), 0);
+
+    // A refused mount is reported without a path and leaves no directory.
+    QFile::remove(m_Hangs);
+    QVERIFY(Touch(m_Refused));
+    QVERIFY(WriteMediumSysfs(QStringLiteral("left"), QStringLiteral("charts")));
+    QVERIFY(m_UnitA->Insert(QStringLiteral("left"), QStringLiteral("charts")));
+    const QList<QJsonObject> arrivals = m_AppB->TakeArrivals(1, 10000);
+    QCOMPARE(Paths(arrivals), QStringList{QString()});
+    QCOMPARE(arrivals.first().value(QStringLiteral("friendlyname")).toString(), QStringLiteral("Memory Card - Left"));
+    QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")).size(), 2);
+    QVERIFY(!QFileInfo::exists(m_UnitB->Inside(chartsMount)));
+
+    // SIGTERM does not wait for a hanging mount.
+    QFile::remove(m_Refused);
+    QVERIFY(Touch(m_Hangs));
+    QVERIFY(WriteMediumSysfs(QStringLiteral("extra"), QStringLiteral("maps")));
+    QVERIFY(m_UnitA->Insert(QStringLiteral("extra"), QStringLiteral("maps")));
+    QTRY_COMPARE_WITH_TIMEOUT(m_UnitB->Calls(QStringLiteral("mount")).size(), 3, 10000);
+    clock.start();
+    QVERIFY(m_UnitB->Stop());
+    QVERIFY2(clock.elapsed() < 2000, qPrintable(QString::number(clock.elapsed())));
 }
 
 LARKD_NAMESPACE_TEST_MAIN(tTwoUnitsTest)

@@ -112,6 +112,34 @@ tNfsData At(const QSignalSpy& spy, int index)
 {
     return spy.at(index).at(0).value<tNfsData>();
 }
+
+// When, since it was made, each warning beginning with a text was written.
+class tWarningTimes
+{
+public:
+    explicit tWarningTimes(const char* prefix)
+    {
+        s_Prefix = prefix;
+        s_Times.clear();
+        s_Clock.start();
+        s_Previous = qInstallMessageHandler(Handler);
+    }
+    ~tWarningTimes() { qInstallMessageHandler(s_Previous); }
+    QList<qint64> Times() const { return s_Times; }
+
+private:
+    static void Handler(QtMsgType type, const QMessageLogContext& context, const QString& message)
+    {
+        if (type == QtWarningMsg && message.startsWith(QLatin1String(s_Prefix)))
+            s_Times << s_Clock.elapsed();
+        s_Previous(type, context, message);
+    }
+
+    static inline const char* s_Prefix = nullptr;
+    static inline QList<qint64> s_Times;
+    static inline QElapsedTimer s_Clock;
+    static inline QtMessageHandler s_Previous = nullptr;
+};
 } // namespace
 
 char* toString(const tNfsData& share)
@@ -328,6 +356,7 @@ void tSharingNetnsTest::oddDatagramsFromThePeer()
     tServiceListener listener(tNetnsPair::MacA(), cExpiryMs);
     listener.Start(tNetnsPair::InterfaceB(), nullptr);
     QSignalSpy added(&listener, &tServiceListener::ServiceAdded);
+    QSignalSpy removed(&listener, &tServiceListener::ServiceRemoved);
     QSignalSpy discovered(&listener, &tServiceListener::PeerDiscovered);
 
     // A socket opened in unit A stays there after the thread returns to B.
@@ -359,6 +388,25 @@ void tSharingNetnsTest::oddDatagramsFromThePeer()
     send(Header(1, 2) + QByteArray("p\0q\0r\0", 6) + "{\"ContentID\": \"C\n");
     QTRY_COMPARE_WITH_TIMEOUT(added.count(), 1, 5000);
     QCOMPARE(At(added, 0), Share("169.254.10.1:p", 0, "q", "r", false, true, QString(), QString(), QString()));
+
+    // At most 64 shares, this one among them: further ones are ignored, with
+    // one warning, until some have expired.
+    const tWarningTimes full("tServiceListener::OnReadyRead(): 64 shares known");
+    QTest::ignoreMessage(QtWarningMsg, "tServiceListener::OnReadyRead(): 64 shares known, ignoring new ones");
+    const auto sendShare = [&](int number) {
+        const QByteArray text = QByteArray::number(number).append('\0');
+        send(Header(1, char(text.size())) + text + text + text + cJsonEmpty);
+    };
+    for (int i = 100; i < 170; ++i)
+        sendShare(i);
+    QTRY_COMPARE_WITH_TIMEOUT(added.count(), 64, 5000);
+    QTRY_COMPARE(discovered.count(), 4 + 1 + 70);
+    QCOMPARE(added.count(), 64);
+    QCOMPARE(At(added, 63).source, QStringLiteral("169.254.10.1:162"));
+    QCOMPARE(full.Times().size(), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(removed.count(), 64, cExpiryMs + 3000);
+    sendShare(170);
+    QTRY_COMPARE_WITH_TIMEOUT(added.count(), 65, 5000);
 }
 
 void tSharingNetnsTest::unresolvableSenderIsNotThePeer()
@@ -374,9 +422,18 @@ void tSharingNetnsTest::unresolvableSenderIsNotThePeer()
     tShareUnit unit(*m_Pair, QString(), m_Dir.filePath(QStringLiteral("rmtab")));
     QVERIFY(unit.Started());
     QVERIFY(unit.Command({"start", "lk0"}));
-    QTest::ignoreMessage(QtWarningMsg, "tServiceListener::IsPacketFromPeer(): attempt 4 to obtain MAC for 169.254.10.1 failed with error 6");
+    const char* const failed =
+        "tServiceListener::IsPacketFromPeer(): attempt 4 to obtain MAC for 169.254.10.1 failed with error 6";
+    QTest::ignoreMessage(QtWarningMsg, failed);
+    QTest::ignoreMessage(QtWarningMsg, failed);
+    const tWarningTimes checks("tServiceListener::IsPacketFromPeer()");
     QVERIFY(unit.Command({"add", "/charts/c", "1", "", "", "", "", "0"}));
     QTRY_COMPARE_WITH_TIMEOUT(added.count(), 1, 5000);
+    // Each failed check stalls for a second; one per expiry period is made,
+    // though the unit announces every second.
+    QTRY_COMPARE_WITH_TIMEOUT(checks.Times().size(), 2, cExpiryMs + 4000);
+    const qint64 between = checks.Times().at(1) - checks.Times().at(0);
+    QVERIFY2(between >= cExpiryMs, qPrintable(QString::number(between)));
     unit.Kill();
     QVERIFY(m_Pair->Ip({"-n", m_Pair->NamespaceA(), "link", "set", "lk0", "arp", "on"}));
     QVERIFY(!At(added, 0).fromPeer);

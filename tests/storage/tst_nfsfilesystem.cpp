@@ -1,6 +1,7 @@
 // A peer's share mounted through the system's mount tools, here the
 // recording stand-ins for mount, umount and mountpoint (tests/scripts/standins)
-// first on PATH; they only make directories, nothing is really mounted.
+// first on PATH; they only make directories, nothing is really mounted. The
+// tools run while the caller's event loop goes on: results come as signals.
 
 #include "sharing/NfsData.h"
 #include "storage/NfsFileSystem.h"
@@ -18,6 +19,7 @@ private slots:
     void remountChecksWhetherStillMounted();
     void failedMountForgetsThePath();
     void unmountRemovesTheDirectory();
+    void hangingMountIsKilledOrAbandoned();
 
 private:
     QStringList Calls() const;
@@ -26,7 +28,29 @@ private:
     QTemporaryDir m_Dir;
     QString m_Record;
     QString m_Refused;
+    QString m_Hangs;
 };
+
+namespace
+{
+// Starts the mount and returns its result, or "timeout" if none came.
+QString MountAndWait(tNfsFileSystem& fileSystem, const QString& options)
+{
+    QSignalSpy finished(&fileSystem, &tNfsFileSystem::MountFinished);
+    if (!fileSystem.Mount(options).isEmpty() || !fileSystem.MountPending())
+        return QStringLiteral("not started");
+    if (!finished.wait(5000) || fileSystem.MountPending())
+        return QStringLiteral("timeout");
+    return finished.first().first().toString();
+}
+
+bool UnmountAndWait(tNfsFileSystem& fileSystem)
+{
+    QSignalSpy finished(&fileSystem, &tNfsFileSystem::UnmountFinished);
+    fileSystem.Unmount();
+    return finished.wait(5000) && !fileSystem.Busy();
+}
+} // namespace
 
 void tNfsFileSystemTest::initTestCase()
 {
@@ -34,8 +58,10 @@ void tNfsFileSystemTest::initTestCase()
     qputenv("PATH", (standins + QLatin1Char(':') + qEnvironmentVariable("PATH")).toLocal8Bit());
     m_Record = m_Dir.filePath(QStringLiteral("calls"));
     m_Refused = m_Dir.filePath(QStringLiteral("refused"));
+    m_Hangs = m_Dir.filePath(QStringLiteral("hangs"));
     qputenv("LARKD_RECORD_FILE", m_Record.toLocal8Bit());
     qputenv("LARKD_MOUNT_REFUSED", m_Refused.toLocal8Bit());
+    qputenv("LARKD_MOUNT_HANGS", m_Hangs.toLocal8Bit());
     qunsetenv("LARKD_STANDIN_TMPFS");
 }
 
@@ -43,6 +69,7 @@ void tNfsFileSystemTest::init()
 {
     QFile::remove(m_Record);
     QFile::remove(m_Refused);
+    QFile::remove(m_Hangs);
 }
 
 QStringList tNfsFileSystemTest::Calls() const
@@ -78,7 +105,7 @@ void tNfsFileSystemTest::mountRunsMountAndKeepsThePath()
     QCOMPARE(fileSystem.MountPoints(), QStringList{QString()});
     fileSystem.SetMountRoot(m_Dir.path());
     const QString expected = m_Dir.filePath(QStringLiteral("169.254.3.7:-run-media-CHARTS"));
-    QCOMPARE(fileSystem.Mount(QStringLiteral("rsize=1280,ro")), expected);
+    QCOMPARE(MountAndWait(fileSystem, QStringLiteral("rsize=1280,ro")), expected);
     QCOMPARE(fileSystem.MountPoints(), QStringList{expected});
     QVERIFY(QFileInfo(expected).isDir());
     QCOMPARE(Calls(), QStringList{QStringLiteral("mount\t-t\tnfs\t169.254.3.7:/run/media/CHARTS\t") + expected
@@ -88,7 +115,7 @@ void tNfsFileSystemTest::mountRunsMountAndKeepsThePath()
     tNfsFileSystem bare(Share());
     bare.SetMountRoot(m_Dir.filePath(QStringLiteral("bare")));
     QDir().mkdir(m_Dir.filePath(QStringLiteral("bare")));
-    QVERIFY(!bare.Mount(QString()).isEmpty());
+    QVERIFY(MountAndWait(bare, QString()).endsWith(QStringLiteral("CHARTS")));
     QVERIFY2(Calls().last().endsWith(QStringLiteral("bare/169.254.3.7:-run-media-CHARTS")), qPrintable(Calls().last()));
 }
 
@@ -96,9 +123,9 @@ void tNfsFileSystemTest::remountChecksWhetherStillMounted()
 {
     tNfsFileSystem fileSystem(Share());
     fileSystem.SetMountRoot(m_Dir.path());
-    const QString path = fileSystem.Mount(QStringLiteral("ro"));
-    fileSystem.Unmount();
-    QVERIFY(!fileSystem.Mount(QStringLiteral("ro")).isEmpty());
+    const QString path = MountAndWait(fileSystem, QStringLiteral("ro"));
+    QVERIFY(UnmountAndWait(fileSystem));
+    QCOMPARE(MountAndWait(fileSystem, QStringLiteral("ro")), path);
     const QStringList calls = Calls();
     QCOMPARE(calls.size(), 4);
     QCOMPARE(calls.at(1), QStringLiteral("umount\t-fl\t") + path);
@@ -111,9 +138,9 @@ void tNfsFileSystemTest::remountChecksWhetherStillMounted()
     proc.source = QStringLiteral("proc");
     tNfsFileSystem mounted(proc);
     mounted.SetMountRoot(QStringLiteral("/"));
-    QCOMPARE(mounted.Mount(QString()), QStringLiteral("/proc"));
+    QCOMPARE(MountAndWait(mounted, QString()), QStringLiteral("/proc"));
     QTest::ignoreMessage(QtWarningMsg, "tNfsFileSystem::Mount(): /proc is already mounted");
-    QCOMPARE(mounted.Mount(QString()), QStringLiteral("/proc"));
+    QCOMPARE(MountAndWait(mounted, QString()), QStringLiteral("/proc"));
     QCOMPARE(Calls().mid(4), (QStringList{QStringLiteral("mount\t-t\tnfs\tproc\t/proc"),
                                           QStringLiteral("mountpoint\t-q\t/proc"),
                                           QStringLiteral("mount\t-t\tnfs\tproc\t/proc")}));
@@ -124,23 +151,79 @@ void tNfsFileSystemTest::failedMountForgetsThePath()
     QFile refused(m_Refused);
     QVERIFY(refused.open(QIODevice::WriteOnly));
     refused.close();
+    const QString root = m_Dir.filePath(QStringLiteral("failed"));
+    const QString path = root + QStringLiteral("/169.254.3.7:-run-media-CHARTS");
+    QVERIFY(QDir().mkdir(root));
     tNfsFileSystem fileSystem(Share());
-    fileSystem.SetMountRoot(m_Dir.path());
-    QTest::ignoreMessage(QtWarningMsg, "tNfsFileSystem::Mount(): Mount command failed:\nmount.nfs: Connection refused\n");
-    QCOMPARE(fileSystem.Mount(QStringLiteral("ro")), QString());
+    fileSystem.SetMountRoot(root);
+    const char* const failure = "tNfsFileSystem::Mount(): Mount command failed:\nmount.nfs: Connection refused\n";
+    QTest::ignoreMessage(QtWarningMsg, failure);
+    QCOMPARE(MountAndWait(fileSystem, QStringLiteral("ro")), QString());
     QCOMPARE(fileSystem.MountPoints(), QStringList{QString()});
+    // The directory it made goes too, but not one that was there before.
+    QVERIFY(!QFileInfo::exists(path));
+    QVERIFY(QDir().mkdir(path));
+    QTest::ignoreMessage(QtWarningMsg, failure);
+    QCOMPARE(MountAndWait(fileSystem, QStringLiteral("ro")), QString());
+    QVERIFY(QFileInfo(path).isDir());
 }
 
 void tNfsFileSystemTest::unmountRemovesTheDirectory()
 {
     tNfsFileSystem fileSystem(Share());
     fileSystem.SetMountRoot(m_Dir.path());
-    const QString path = fileSystem.Mount(QStringLiteral("ro"));
+    const QString path = MountAndWait(fileSystem, QStringLiteral("ro"));
     QVERIFY(QFileInfo(path).isDir());
-    fileSystem.Unmount();
+    const QString unmounted = QStringLiteral("tNfsFileSystem::Unmount(): Successfully unmounted ") + path;
+    QTest::ignoreMessage(QtInfoMsg, qPrintable(unmounted));
+    QVERIFY(UnmountAndWait(fileSystem));
     QVERIFY(!QFileInfo::exists(path));
     // The path is kept for the next mount.
     QCOMPARE(fileSystem.MountPoints(), QStringList{path});
+}
+
+void tNfsFileSystemTest::hangingMountIsKilledOrAbandoned()
+{
+    QFile hangs(m_Hangs);
+    QVERIFY(hangs.open(QIODevice::WriteOnly));
+    hangs.close();
+    const QString path = m_Dir.filePath(QStringLiteral("169.254.3.7:-run-media-CHARTS"));
+    QElapsedTimer clock;
+
+    // Past its time-out the mount is killed and fails; its directory goes.
+    tNfsFileSystem timedOut(Share());
+    timedOut.SetMountRoot(m_Dir.path());
+    timedOut.SetProcessTimeout(500);
+    clock.start();
+    QTest::ignoreMessage(QtWarningMsg, "tNfsFileSystem::Mount(): Mount command failed:\n");
+    QCOMPARE(MountAndWait(timedOut, QStringLiteral("ro")), QString());
+    QVERIFY2(clock.elapsed() < 3000, qPrintable(QString::number(clock.elapsed())));
+    QVERIFY(!QFileInfo::exists(path));
+
+    // Unmounted while mounting: the mount is killed, never reported, and
+    // the path unmounted all the same.
+    tNfsFileSystem withdrawn(Share());
+    withdrawn.SetMountRoot(m_Dir.path());
+    QSignalSpy mounted(&withdrawn, &tNfsFileSystem::MountFinished);
+    withdrawn.Mount(QStringLiteral("ro"));
+    QTRY_COMPARE(Calls().size(), 2);
+    QVERIFY(QFileInfo(path).isDir());
+    clock.start();
+    QVERIFY(UnmountAndWait(withdrawn));
+    QVERIFY2(clock.elapsed() < 3000, qPrintable(QString::number(clock.elapsed())));
+    QCOMPARE(Calls().last(), QStringLiteral("umount\t-fl\t") + path);
+    QVERIFY(!QFileInfo::exists(path));
+    QTest::qWait(100);
+    QCOMPARE(mounted.count(), 0);
+    QVERIFY(!withdrawn.MountPending());
+
+    // Going away, it kills the mount without waiting for it.
+    auto* dropped = new tNfsFileSystem(Share());
+    dropped->Mount(QString());
+    QTRY_COMPARE(Calls().size(), 3);
+    clock.start();
+    delete dropped;
+    QVERIFY2(clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
 }
 
 QTEST_GUILESS_MAIN(tNfsFileSystemTest)
