@@ -134,9 +134,16 @@ void tUDisks2::OnServiceOwnerChanged(const QString& service, const QString& oldO
 
 void tUDisks2::Resynchronise()
 {
+    // A service that does not answer yet must not make every volume look gone.
+    bool answered = false;
+    const QStringList top = UDisks2ChildNodes(UDisks2Names::RootPath, &answered);
+    if (!answered) {
+        qCWarning(lcUDisks2) << "tUDisks2::Resynchronise(): the service does not answer";
+        return;
+    }
     // Filesystems go before their drives, as on a pull, and removals before
     // additions, so that a medium swapped meanwhile is first reported gone.
-    const QStringList blocks = BlockDevices();
+    const QStringList blocks = top.contains(NodeName(UDisks2Names::BlockDevicesPath)) ? BlockDevices() : QStringList();
     for (const QString& node : m_Blocks.keys()) {
         if (!blocks.contains(node)) {
             RemoveBlock(node);
@@ -145,7 +152,7 @@ void tUDisks2::Resynchronise()
             block->Resynchronise();
         }
     }
-    const QStringList drives = Drives();
+    const QStringList drives = top.contains(NodeName(UDisks2Names::DrivesPath)) ? Drives() : QStringList();
     for (const QString& node : m_Drives.keys()) {
         if (!drives.contains(node)) {
             RemoveDrive(node);

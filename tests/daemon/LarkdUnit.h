@@ -46,8 +46,8 @@ public:
     QStringList Calls(const QString& program) const;
     // larkd's console log so far (debug lines of "lk.daemon" included).
     QByteArray Log();
-    // Waits until larkd has seen the service report node's mount point: only
-    // then does a newly connected application hear of the volume.
+    // Waits until larkd has seen the service report node's mount point, and
+    // so has handled every earlier event about it.
     bool WaitForMountPoint(const QString& node, int timeoutMs = 10000);
     // larkd's mount table (/proc/PID/mounts).
     QByteArray MountTable() const;

@@ -443,6 +443,19 @@ void tLocalVolumesTest::restartAdoptsWhatIsMountedAndReportsEachOnce()
     QCOMPARE(Reported(app.TakeArrivals(1)), QStringList{QStringLiteral("-/run/media/STICK")});
     QVERIFY(unit.Calls(QStringLiteral("exportfs")).contains(QStringLiteral("-u\t*:/run/media/STICK")));
     QTRY_VERIFY(!QFileInfo(unit.Inside(QStringLiteral("/run/media/USB Memory Card A1"))).isSymLink());
+
+    // Started while the service is away, larkd takes up what is mounted once it comes.
+    QVERIFY2(unit.ServiceAway(&error), qPrintable(error));
+    QVERIFY2(unit.KillAndAwaitRestart(&error), qPrintable(error));
+    tAppConnection late;
+    QVERIFY(late.ConnectWhenListening(unit.Port()));
+    QTest::qWait(200);
+    QCOMPARE(late.TakeArrivals(0).size(), 0);
+    QVERIFY2(unit.ServiceBack(&error), qPrintable(error));
+    arrivals = late.TakeArrivals(2);
+    QTest::qWait(300);
+    arrivals += late.TakeArrivals(0);
+    QCOMPARE(Reported(arrivals), QStringList({QStringLiteral("+/run/media/CHARTS"), QStringLiteral("+/run/media/PHOTOS")}));
     QVERIFY2(unit.Stop(), unit.Log().constData());
 }
 
