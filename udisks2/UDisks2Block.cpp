@@ -154,7 +154,9 @@ void tUDisks2Block::Resynchronise()
         return;
     bool read = false;
     const bool unmounted = IsMounted() && m_FileSystem->ReadMountPoints(&read).isEmpty() && read;
-    if (m_Id != id || unmounted || !HasUDisks2Interface(m_Path, UDisks2Names::FilesystemInterface))
+    // An unreadable Id says nothing about the medium; a different one, that it was swapped.
+    const bool swapped = !m_Id.isEmpty() && m_Id != id;
+    if (swapped || unmounted || !HasUDisks2Interface(m_Path, UDisks2Names::FilesystemInterface))
         RemoveFilesystem();
 }
 
