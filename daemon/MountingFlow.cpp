@@ -57,8 +57,13 @@ void tLarkDaemon::OnFileSystemAdded(const QString& node)
         return;
     m_FileSystems.insert(node, fileSystem);
 
-    const bool vfat = block->Property(QStringLiteral("IdType")).toString() == QLatin1String("vfat");
-    const QString mountPoint = fileSystem->Mount(vfat ? m_VfatMountOpts : QString());
+    // A volume the service has mounted already (larkd restarted, say) is
+    // adopted where it is, and handled from here on as if just mounted.
+    QString mountPoint = fileSystem->MountPoints().value(0);
+    if (mountPoint.isEmpty()) {
+        const bool vfat = block->Property(QStringLiteral("IdType")).toString() == QLatin1String("vfat");
+        mountPoint = fileSystem->Mount(vfat ? m_VfatMountOpts : QString());
+    }
     if (mountPoint.isEmpty()) {
         qCWarning(lcDaemon, "tLarkDaemon::OnFileSystemAdded(): failed to mount");
         m_FileSystems.remove(node);
@@ -122,7 +127,11 @@ void tLarkDaemon::MakeFriendlySymlink(const QString& mountPoint, const QString& 
     const QString linkPath = mountInfo.absoluteDir().absolutePath() + QLatin1Char('/') + friendlyName;
     // Relative, so the link stays right wherever the directory is seen from.
     const QString target = mountInfo.fileName();
-    // An existing link is left alone: two cards with one name keep the first link.
+    // An existing link is left alone: two cards with one name keep the first
+    // link. One that already leads here (made by an earlier run) is no clash.
+    const QFileInfo link(linkPath);
+    if (link.isSymLink() && link.symLinkTarget() == mountInfo.absoluteFilePath())
+        return;
     if (!QFile::link(target, linkPath)) {
         qCWarning(lcDaemon, "tLarkDaemon::MakeFriendlySymlink(): failed to create symlink %s -> %s",
                   qUtf8Printable(target), qUtf8Printable(linkPath));

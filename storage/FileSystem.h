@@ -19,7 +19,8 @@ public:
     virtual tFileSystemInfo* Info() const = 0;
     virtual bool IsValid() const = 0;
     // Mounts with a comma-separated option string (may be empty); returns
-    // the mount path, or an empty string on failure.
+    // the mount path (where it already is, for a volume mounted before), or
+    // an empty string on failure.
     virtual QString Mount(const QString& options) = 0;
     virtual QStringList MountPoints() const = 0;
     // Failures are only logged.

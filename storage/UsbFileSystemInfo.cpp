@@ -115,5 +115,8 @@ QString tUsbFileSystemInfo::Cid() const
         qWarning("tUsbFileSystemInfo::FriendlyName(): Failed to open %s", qUtf8Printable(device));
         return QStringLiteral("");
     }
-    return SendSmscScsiCommand(node.Fd(), ReadCidCommand, 0);
+    // A reader that does not answer has no identity, which the application
+    // is told as an empty key, not as the null of a removal.
+    const QString cid = SendSmscScsiCommand(node.Fd(), ReadCidCommand, 0);
+    return cid.isNull() ? QStringLiteral("") : cid;
 }

@@ -7,6 +7,7 @@
 #include "udisks2/UDisks2Names.h"
 
 #include <QDBusConnection>
+#include <QDBusServiceWatcher>
 
 QMap<QString, tUDisks2Block*> tUDisks2::m_Blocks;
 QMap<QString, tUDisks2Drive*> tUDisks2::m_Drives;
@@ -20,6 +21,11 @@ tUDisks2::tUDisks2(QObject* parent)
                 SLOT(OnInterfaceAdded(QDBusObjectPath, QMap<QString, QVariant>)));
     bus.connect(UDisks2Names::Service, UDisks2Names::RootPath, UDisks2Names::ObjectManagerInterface,
                 UDisks2Names::InterfacesRemovedSignal, this, SLOT(OnInterfaceRemoved(QDBusObjectPath, QStringList)));
+    // The service may restart, or start after larkd: whatever changed while
+    // it was away is only learnt by looking again when it returns.
+    auto* watcher = new QDBusServiceWatcher(UDisks2Names::Service, QDBusConnection::systemBus(),
+                                            QDBusServiceWatcher::WatchForOwnerChange, this);
+    connect(watcher, &QDBusServiceWatcher::serviceOwnerChanged, this, &tUDisks2::OnServiceOwnerChanged);
 }
 
 tUDisks2::~tUDisks2()
@@ -111,6 +117,49 @@ void tUDisks2::OnBlockDeviceEjected(const QString& path)
     // The block stays registered: a new filesystem may appear on it later.
     if (tUDisks2Block* block = m_Blocks.value(path, nullptr))
         block->RemoveFilesystem();
+}
+
+void tUDisks2::OnServiceOwnerChanged(const QString& service, const QString& oldOwner, const QString& newOwner)
+{
+    Q_UNUSED(service)
+    Q_UNUSED(oldOwner)
+    if (newOwner.isEmpty()) {
+        // Mounts outlive the service: nothing is undone while it is away.
+        qCInfo(lcUDisks2) << "tUDisks2::OnServiceOwnerChanged(): the service left the bus";
+        return;
+    }
+    qCInfo(lcUDisks2) << "tUDisks2::OnServiceOwnerChanged(): the service is on the bus as" << newOwner;
+    Resynchronise();
+}
+
+void tUDisks2::Resynchronise()
+{
+    // A service that does not answer yet must not make every volume look gone.
+    bool answered = false;
+    const QStringList top = UDisks2ChildNodes(UDisks2Names::RootPath, &answered);
+    if (!answered) {
+        qCWarning(lcUDisks2) << "tUDisks2::Resynchronise(): the service does not answer";
+        return;
+    }
+    // Filesystems go before their drives, as on a pull, and removals before
+    // additions, so that a medium swapped meanwhile is first reported gone.
+    const QStringList blocks = top.contains(NodeName(UDisks2Names::BlockDevicesPath)) ? BlockDevices() : QStringList();
+    for (const QString& node : m_Blocks.keys()) {
+        if (!blocks.contains(node)) {
+            RemoveBlock(node);
+            emit BlockDeviceRemoved(node);
+        } else if (tUDisks2Block* block = m_Blocks.value(node, nullptr)) {
+            block->Resynchronise();
+        }
+    }
+    const QStringList drives = top.contains(NodeName(UDisks2Names::DrivesPath)) ? Drives() : QStringList();
+    for (const QString& node : m_Drives.keys()) {
+        if (!drives.contains(node)) {
+            RemoveDrive(node);
+            emit DriveRemoved(node);
+        }
+    }
+    Enumerate();
 }
 
 void tUDisks2::AddBlock(const QString& node)

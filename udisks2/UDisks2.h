@@ -51,7 +51,14 @@ public slots:
     // The argument is a node name.
     void OnBlockDeviceEjected(const QString& path);
 
+private slots:
+    void OnServiceOwnerChanged(const QString& service, const QString& oldOwner, const QString& newOwner);
+
 private:
+    // Brings the registry level with a service that was away: what went is
+    // removed, what stayed is checked, what came is added.
+    void Resynchronise();
+
     static QMap<QString, tUDisks2Block*> m_Blocks;
     static QMap<QString, tUDisks2Drive*> m_Drives;
 };

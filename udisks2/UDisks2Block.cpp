@@ -146,6 +146,20 @@ void tUDisks2Block::AddFilesystem()
         emit FileSystemAdded(m_Name);
 }
 
+void tUDisks2Block::Resynchronise()
+{
+    const QString id = m_Id;
+    Update();
+    if (!m_FileSystem || !m_FileSystem->IsValid())
+        return;
+    bool read = false;
+    const bool unmounted = IsMounted() && m_FileSystem->ReadMountPoints(&read).isEmpty() && read;
+    // An unreadable Id says nothing about the medium; a different one, that it was swapped.
+    const bool swapped = !m_Id.isEmpty() && m_Id != id;
+    if (swapped || unmounted || !HasUDisks2Interface(m_Path, UDisks2Names::FilesystemInterface))
+        RemoveFilesystem();
+}
+
 void tUDisks2Block::SetFileSystem(tUDisks2FileSystem* fileSystem)
 {
     // A replaced filesystem goes the one way every filesystem goes, announced

@@ -33,6 +33,9 @@ public:
     // volume it is, and announces a valid filesystem.
     void AddFilesystem();
     void RemoveFilesystem();
+    // After the service was away: removes the filesystem if it went, holds
+    // another medium, or was unmounted meanwhile.
+    void Resynchronise();
     // Takes ownership of fileSystem, deleting a different previous one.
     void SetFileSystem(tUDisks2FileSystem* fileSystem);
 

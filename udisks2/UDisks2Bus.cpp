@@ -58,11 +58,13 @@ bool HasUDisks2Interface(const QString& path, const QString& interface)
     return ok && NamesOf(xml, QStringLiteral("interface")).contains(interface);
 }
 
-QStringList UDisks2ChildNodes(const QString& path)
+QStringList UDisks2ChildNodes(const QString& path, bool* ok)
 {
-    bool ok = false;
-    const QString xml = Introspect(path, &ok);
-    return ok ? NamesOf(xml, QStringLiteral("node")) : QStringList();
+    bool answered = false;
+    const QString xml = Introspect(path, &answered);
+    if (ok)
+        *ok = answered;
+    return answered ? NamesOf(xml, QStringLiteral("node")) : QStringList();
 }
 
 QString NodeName(const QString& path)

@@ -21,8 +21,9 @@ QVariant ReadUDisks2Property(const QString& path, const QString& interface, cons
 // Whether the object at path carries interface, as it introspects now.
 bool HasUDisks2Interface(const QString& path, const QString& interface);
 
-// The named child nodes of path; empty when introspection fails.
-QStringList UDisks2ChildNodes(const QString& path);
+// The named child nodes of path; empty when introspection fails, which ok
+// (when given) tells apart from an object without children.
+QStringList UDisks2ChildNodes(const QString& path, bool* ok = nullptr);
 
 // The last element of an object path: the key of the registries.
 QString NodeName(const QString& path);

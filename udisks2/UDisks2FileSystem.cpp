@@ -41,9 +41,22 @@ QString tUDisks2FileSystem::Mount(const QString& options)
         arguments.insert(UDisks2Names::MountOptionsKey, options);
     const QDBusMessage reply = CallUDisks2(m_Path, UDisks2Names::FilesystemInterface,
                                            UDisks2Names::MountMethod, { arguments });
-    if (reply.type() == QDBusMessage::ErrorMessage || reply.arguments().isEmpty())
+    if (reply.type() == QDBusMessage::ErrorMessage) {
+        // Mounted before (by an earlier run, say): the volume is taken where
+        // it is rather than given up.
+        if (reply.errorName() != UDisks2Names::AlreadyMountedError)
+            return QString();
+        Update();
+        return m_MountPoints.value(0);
+    }
+    if (reply.arguments().isEmpty())
         return QString();
-    return reply.arguments().first().toString();
+    const QString mountPoint = reply.arguments().first().toString();
+    // The service's property change follows later; until then the path it
+    // returned is the mount point, so the volume can be reported at once.
+    if (!mountPoint.isEmpty() && !m_MountPoints.contains(mountPoint))
+        m_MountPoints = QStringList{ mountPoint };
+    return mountPoint;
 }
 
 QStringList tUDisks2FileSystem::MountPoints() const
@@ -56,24 +69,34 @@ void tUDisks2FileSystem::Unmount()
     CallUDisks2(m_Path, UDisks2Names::FilesystemInterface, UDisks2Names::UnmountMethod, { QVariantMap() });
 }
 
-void tUDisks2FileSystem::Update()
+QStringList tUDisks2FileSystem::ReadMountPoints(bool* ok) const
 {
+    QStringList points;
+    *ok = false;
     const QDBusMessage reply = CallUDisks2(m_Path, UDisks2Names::PropertiesInterface, UDisks2Names::GetMethod,
                                            { UDisks2Names::FilesystemInterface, UDisks2Names::MountPointsProperty });
-    if (reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty()) {
-        const QVariant value = reply.arguments().first().value<QDBusVariant>().variant();
-        if (value.userType() == qMetaTypeId<QDBusArgument>()) {
-            const QDBusArgument argument = value.value<QDBusArgument>();
-            argument.beginArray();
-            if (!argument.atEnd())
-                m_MountPoints.clear();
-            while (!argument.atEnd()) {
-                QByteArray point;
-                argument >> point;
-                m_MountPoints.append(TextUpToNul(point));
-            }
-            argument.endArray();
-        }
+    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
+        return points;
+    const QVariant value = reply.arguments().first().value<QDBusVariant>().variant();
+    if (value.userType() != qMetaTypeId<QDBusArgument>())
+        return points;
+    *ok = true;
+    const QDBusArgument argument = value.value<QDBusArgument>();
+    argument.beginArray();
+    while (!argument.atEnd()) {
+        QByteArray point;
+        argument >> point;
+        points.append(TextUpToNul(point));
     }
+    argument.endArray();
+    return points;
+}
+
+void tUDisks2FileSystem::Update()
+{
+    bool ok = false;
+    const QStringList points = ReadMountPoints(&ok);
+    if (ok && !points.isEmpty())
+        m_MountPoints = points;
     qCDebug(lcUDisks2) << "tUDisks2FileSystem::Update(): mountpoints:" << m_MountPoints;
 }

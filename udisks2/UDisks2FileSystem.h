@@ -21,6 +21,8 @@ public:
     // Re-reads "MountPoints"; an empty or failed reply keeps the last known
     // list, because ejection is judged against the points a volume had.
     void Update();
+    // The service's list as it is now; ok is false when it could not be read.
+    QStringList ReadMountPoints(bool* ok) const;
 
 private:
     QString m_Path;

@@ -32,6 +32,8 @@ inline const QString UnmountMethod = QStringLiteral("Unmount");
 
 inline const QString MountOptionsKey = QStringLiteral("options");
 
+inline const QString AlreadyMountedError = QStringLiteral("org.freedesktop.UDisks2.Error.AlreadyMounted");
+
 // Block properties
 inline const QString DeviceProperty = QStringLiteral("Device");
 inline const QString DeviceNumberProperty = QStringLiteral("DeviceNumber");

@@ -128,6 +128,16 @@ bool tLarkdUnit::Insert(const QString& slot, const QString& medium, QString* err
     return Control(QStringLiteral("Insert"), {slot, medium}, error);
 }
 
+bool tLarkdUnit::ServiceAway(QString* error)
+{
+    return Control(QStringLiteral("Away"), {}, error);
+}
+
+bool tLarkdUnit::ServiceBack(QString* error)
+{
+    return Control(QStringLiteral("Back"), {}, error);
+}
+
 bool tLarkdUnit::Remove(const QString& slot, QString* error)
 {
     return Control(QStringLiteral("Remove"), {slot}, error);
@@ -184,6 +194,34 @@ QByteArray tLarkdUnit::MountTable() const
     return mounts.open(QIODevice::ReadOnly) ? mounts.readAll() : QByteArray();
 }
 
+qint64 tLarkdUnit::LarkdPid() const
+{
+    QFile file(m_State.filePath(QStringLiteral("larkd.pid")));
+    if (!file.open(QIODevice::ReadOnly))
+        return m_Process.processId();
+    return file.readAll().trimmed().toLongLong();
+}
+
+bool tLarkdUnit::KillAndAwaitRestart(QString* error)
+{
+    const qint64 killed = LarkdPid();
+    if (killed == m_Process.processId()) {
+        *error = QStringLiteral("larkd is not restarted in this unit");
+        return false;
+    }
+    ::kill(pid_t(killed), SIGKILL);
+    QElapsedTimer clock;
+    clock.start();
+    while (LarkdPid() == killed || LarkdPid() == 0) {
+        if (m_Process.state() == QProcess::NotRunning || clock.hasExpired(10000)) {
+            *error = QStringLiteral("larkd was not restarted: ") + QString::fromLocal8Bit(Log());
+            return false;
+        }
+        QTest::qWait(10);
+    }
+    return true;
+}
+
 QString tLarkdUnit::Inside(const QString& path) const
 {
     return QStringLiteral("/proc/%1/root%2").arg(m_Process.processId()).arg(path);
@@ -191,9 +229,23 @@ QString tLarkdUnit::Inside(const QString& path) const
 
 bool tAppConnection::Connect(quint16 port)
 {
+    QObject::disconnect(&m_Socket, &QTcpSocket::readyRead, nullptr, nullptr);
     QObject::connect(&m_Socket, &QTcpSocket::readyRead, [this] { Read(); });
     m_Socket.connectToHost(QHostAddress::LocalHost, port);
     return m_Socket.waitForConnected(5000);
+}
+
+bool tAppConnection::ConnectWhenListening(quint16 port, int timeoutMs)
+{
+    QElapsedTimer clock;
+    clock.start();
+    while (!Connect(port)) {
+        m_Socket.abort();
+        if (clock.hasExpired(timeoutMs))
+            return false;
+        QThread::msleep(2);
+    }
+    return true;
 }
 
 void tAppConnection::SendRaw(const QByteArray& bytes)

@@ -12,7 +12,9 @@
 // One display unit as processes (tests/scripts/larkd-unit.sh): larkd in a
 // mount namespace of its own with the UDisks2 simulator on a private bus and
 // recording stand-ins for exportfs, mount, umount and mountpoint. Stopped
-// with SIGTERM when the object goes.
+// with SIGTERM when the object goes. With LARKD_UNIT_RESTART=1 in the
+// environment at Start(), larkd is restarted whenever it is killed, as its
+// service manager does, and Process() is the script that restarts it.
 class tLarkdUnit
 {
 public:
@@ -34,6 +36,9 @@ public:
     bool Remove(const QString& slot, QString* error = nullptr);
     // Unmounts behind larkd's back, as another program would.
     bool UnmountBehind(const QString& node, QString* error = nullptr);
+    // The service gives its bus name up, and takes it again as if restarted.
+    bool ServiceAway(QString* error = nullptr);
+    bool ServiceBack(QString* error = nullptr);
     // The simulator's own record: "Mount NODE PATH OPTIONS...", "Unmount NODE", ...
     QStringList SimulatorCalls();
 
@@ -41,11 +46,15 @@ public:
     QStringList Calls(const QString& program) const;
     // larkd's console log so far (debug lines of "lk.daemon" included).
     QByteArray Log();
-    // Waits until larkd has seen the service report node's mount point: only
-    // then does a newly connected application hear of the volume.
+    // Waits until larkd has seen the service report node's mount point, and
+    // so has handled every earlier event about it.
     bool WaitForMountPoint(const QString& node, int timeoutMs = 10000);
     // larkd's mount table (/proc/PID/mounts).
     QByteArray MountTable() const;
+    // The running larkd's process id, which changes with each restart.
+    qint64 LarkdPid() const;
+    // SIGKILL to larkd; true once its restart has been started.
+    bool KillAndAwaitRestart(QString* error);
     // A path as larkd sees it in its mount namespace, e.g. Inside("/run/media").
     QString Inside(const QString& path) const;
 
@@ -67,6 +76,9 @@ class tAppConnection
 {
 public:
     bool Connect(quint16 port);
+    // Connects as soon as something listens on port: before larkd's start-up
+    // scan is done, the connection waits in the listen queue.
+    bool ConnectWhenListening(quint16 port, int timeoutMs = 20000);
     // Sends the bytes as they are (the caller adds the NULs).
     void SendRaw(const QByteArray& bytes);
     void Send(const QJsonObject& message);

@@ -41,6 +41,23 @@ QByteArray Describe(const QList<QJsonObject>& arrivals)
         text += QJsonDocument(arrival).toJson(QJsonDocument::Compact) + '\n';
     return text;
 }
+
+// The paths reported, sorted, each with "+" for an arrival or "-" for a removal.
+QStringList Reported(const QList<QJsonObject>& arrivals)
+{
+    QStringList paths;
+    for (const QJsonObject& arrival : arrivals)
+        paths << (arrival.value(QStringLiteral("type")).isNull() ? QStringLiteral("-") : QStringLiteral("+"))
+                     + arrival.value(QStringLiteral("path")).toString();
+    paths.sort();
+    return paths;
+}
+
+// What was added to a record since it held count entries.
+QStringList Since(const QStringList& record, int count)
+{
+    return record.mid(count);
+}
 } // namespace
 
 class tLocalVolumesTest : public QObject
@@ -55,6 +72,8 @@ private slots:
     void secondClientTakesOver();
     void signals_();
     void clientListsAndFollows();
+    void restartAdoptsWhatIsMountedAndReportsEachOnce();
+    void serviceRestartIsFollowed();
 
 private:
     QTemporaryDir m_Files;
@@ -360,6 +379,134 @@ void tLocalVolumesTest::clientListsAndFollows()
     const tFinishedProcess share = RunToEnd(client, port + QStringList{QStringLiteral("share"), QStringLiteral("eth0")});
     QCOMPARE(share.exitCode, 0);
     QTRY_VERIFY(unit.Log().contains("Unexpected interface configuration message"));
+}
+
+void tLocalVolumesTest::restartAdoptsWhatIsMountedAndReportsEachOnce()
+{
+    qputenv("LARKD_UNIT_RESTART", "1");
+    tLarkdUnit unit(E2eUnitFile(), {QStringLiteral("--vfat"), cVfatOptions});
+    QString error;
+    const bool started = unit.Start(&error);
+    qunsetenv("LARKD_UNIT_RESTART");
+    QVERIFY2(started, qPrintable(error));
+
+    // Connected as larkd starts, before the service has said where the card
+    // is mounted: told of it once, without asking.
+    tAppConnection early;
+    QVERIFY(early.ConnectWhenListening(unit.Port()));
+    QCOMPARE(Reported(early.TakeArrivals(1)), QStringList{QStringLiteral("+/run/media/CHARTS")});
+    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
+    QVERIFY(WriteMediumSysfs(QStringLiteral("usb"), QStringLiteral("stick")));
+    QVERIFY(unit.Insert(QStringLiteral("usb"), QStringLiteral("stick")));
+    QCOMPARE(Reported(early.TakeArrivals(1)), QStringList{QStringLiteral("+/run/media/STICK")});
+
+    // larkd dies with two volumes mounted; a card goes in while it is down.
+    QCOMPARE(::kill(pid_t(unit.LarkdPid()), SIGSTOP), 0);
+    QVERIFY(WriteMediumSysfs(QStringLiteral("right"), QStringLiteral("photos")));
+    QVERIFY(unit.Insert(QStringLiteral("right"), QStringLiteral("photos")));
+    const int logBefore = unit.Log().size();
+    const int simulatorCallsBefore = unit.SimulatorCalls().size();
+    const int exportsBefore = unit.Calls(QStringLiteral("exportfs")).size();
+    QVERIFY2(unit.KillAndAwaitRestart(&error), qPrintable(error));
+
+    // The restarted larkd adopts the two volumes, mounts the new card and
+    // tells an application connected as it starts of each exactly once.
+    tAppConnection app;
+    QVERIFY(app.ConnectWhenListening(unit.Port()));
+    QList<QJsonObject> arrivals = app.TakeArrivals(3);
+    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk1p1")));
+    QTest::qWait(300);
+    arrivals += app.TakeArrivals(0);
+    QCOMPARE(Reported(arrivals), QStringList({QStringLiteral("+/run/media/CHARTS"), QStringLiteral("+/run/media/PHOTOS"),
+                                              QStringLiteral("+/run/media/STICK")}));
+    for (const QJsonObject& arrival : qAsConst(arrivals)) {
+        if (arrival.value(QStringLiteral("path")) == QJsonValue(QStringLiteral("/run/media/CHARTS")))
+            QCOMPARE(arrival.value(QStringLiteral("friendlyname")), QJsonValue(QStringLiteral("Memory Card - Left")));
+    }
+    const QByteArray log = unit.Log().mid(logBefore);
+    QVERIFY2(!log.contains("failed to mount") && !log.contains("failed to create symlink"), log.constData());
+    // Only the new card is mounted; nothing is unmounted or refused.
+    const QStringList simulatorCalls = Since(unit.SimulatorCalls(), simulatorCallsBefore);
+    QCOMPARE(simulatorCalls.filter(QRegularExpression(QStringLiteral("^(Mount|Unmount)"))).size(), 1);
+    QVERIFY2(simulatorCalls.filter(QRegularExpression(QStringLiteral("^Mount mmcblk1p1 /run/media/PHOTOS "))).size() == 1,
+             qPrintable(simulatorCalls.join('\n')));
+    const QStringList exports = Since(unit.Calls(QStringLiteral("exportfs")), exportsBefore);
+    for (const QString& path : {QStringLiteral("CHARTS"), QStringLiteral("STICK"), QStringLiteral("PHOTOS")})
+        QVERIFY2(!exports.filter(QRegularExpression(QStringLiteral("^-o\t.*\t\\*:/run/media/") + path + '$')).isEmpty(),
+                 qPrintable(exports.join('\n')));
+    QCOMPARE(LinkTarget(unit.Inside(QStringLiteral("/run/media/Memory Card - 1"))), QStringLiteral("CHARTS"));
+    QCOMPARE(LinkTarget(unit.Inside(QStringLiteral("/run/media/Memory Card - 2"))), QStringLiteral("PHOTOS"));
+    QCOMPARE(LinkTarget(unit.Inside(QStringLiteral("/run/media/USB Memory Card A1"))), QStringLiteral("STICK"));
+
+    // An adopted volume is larkd's like any other: its removal is followed through.
+    QVERIFY(unit.Remove(QStringLiteral("usb")));
+    QCOMPARE(Reported(app.TakeArrivals(1)), QStringList{QStringLiteral("-/run/media/STICK")});
+    QVERIFY(unit.Calls(QStringLiteral("exportfs")).contains(QStringLiteral("-u\t*:/run/media/STICK")));
+    QTRY_VERIFY(!QFileInfo(unit.Inside(QStringLiteral("/run/media/USB Memory Card A1"))).isSymLink());
+
+    // Started while the service is away, larkd takes up what is mounted once it comes.
+    QVERIFY2(unit.ServiceAway(&error), qPrintable(error));
+    QVERIFY2(unit.KillAndAwaitRestart(&error), qPrintable(error));
+    tAppConnection late;
+    QVERIFY(late.ConnectWhenListening(unit.Port()));
+    QTest::qWait(200);
+    QCOMPARE(late.TakeArrivals(0).size(), 0);
+    QVERIFY2(unit.ServiceBack(&error), qPrintable(error));
+    arrivals = late.TakeArrivals(2);
+    QTest::qWait(300);
+    arrivals += late.TakeArrivals(0);
+    QCOMPARE(Reported(arrivals), QStringList({QStringLiteral("+/run/media/CHARTS"), QStringLiteral("+/run/media/PHOTOS")}));
+    QVERIFY2(unit.Stop(), unit.Log().constData());
+}
+
+void tLocalVolumesTest::serviceRestartIsFollowed()
+{
+    tLarkdUnit unit(E2eUnitFile(), {});
+    QString error;
+    QVERIFY2(unit.Start(&error), qPrintable(error));
+    tAppConnection app;
+    QVERIFY(app.Connect(unit.Port()));
+    QCOMPARE(Reported(app.TakeArrivals(1)), QStringList{QStringLiteral("+/run/media/CHARTS")});
+    QVERIFY(WriteMediumSysfs(QStringLiteral("right"), QStringLiteral("photos")));
+    QVERIFY(unit.Insert(QStringLiteral("right"), QStringLiteral("photos")));
+    QCOMPARE(Reported(app.TakeArrivals(1)), QStringList{QStringLiteral("+/run/media/PHOTOS")});
+    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk1p1")));
+
+    // While the service is away a card is pulled and a stick put in: larkd
+    // hears nothing, and unmounts nothing.
+    QVERIFY2(unit.ServiceAway(&error), qPrintable(error));
+    QVERIFY(unit.Remove(QStringLiteral("left")));
+    QVERIFY(WriteMediumSysfs(QStringLiteral("usb"), QStringLiteral("stick")));
+    QVERIFY(unit.Insert(QStringLiteral("usb"), QStringLiteral("stick")));
+    QTest::qWait(300);
+    QCOMPARE(app.TakeArrivals(0).size(), 0);
+    const int simulatorCallsBefore = unit.SimulatorCalls().size();
+    const int exportsBefore = unit.Calls(QStringLiteral("exportfs")).size();
+
+    // Back: the card is reported gone and unexported, the stick mounted and
+    // reported; the card that stayed is neither reported again nor remounted.
+    QVERIFY2(unit.ServiceBack(&error), qPrintable(error));
+    QList<QJsonObject> arrivals = app.TakeArrivals(2);
+    QTest::qWait(300);
+    arrivals += app.TakeArrivals(0);
+    QVERIFY2(arrivals.size() == 2, Describe(arrivals).constData());
+    QCOMPARE(arrivals.at(0).value(QStringLiteral("path")), QJsonValue(QStringLiteral("/run/media/CHARTS")));
+    QVERIFY(arrivals.at(0).value(QStringLiteral("friendlyname")).isNull());
+    QCOMPARE(arrivals.at(1).value(QStringLiteral("path")), QJsonValue(QStringLiteral("/run/media/STICK")));
+    QCOMPARE(arrivals.at(1).value(QStringLiteral("friendlyname")), QJsonValue(QStringLiteral("USB Mass Storage")));
+    const QStringList exports = Since(unit.Calls(QStringLiteral("exportfs")), exportsBefore);
+    QVERIFY2(exports.contains(QStringLiteral("-u\t*:/run/media/CHARTS")), qPrintable(exports.join('\n')));
+    QVERIFY2(exports.filter(QStringLiteral("PHOTOS")).isEmpty(), qPrintable(exports.join('\n')));
+    const QStringList mounts = Since(unit.SimulatorCalls(), simulatorCallsBefore)
+                                   .filter(QRegularExpression(QStringLiteral("^(Mount|Unmount) ")));
+    QVERIFY2(mounts.size() == 1 && mounts.first().startsWith(QStringLiteral("Mount sda1 /run/media/STICK")),
+             qPrintable(mounts.join('\n')));
+    QTRY_VERIFY(!QFileInfo(unit.Inside(QStringLiteral("/run/media/Memory Card - 1"))).isSymLink());
+    QCOMPARE(LinkTarget(unit.Inside(QStringLiteral("/run/media/USB Memory Card A1"))), QStringLiteral("STICK"));
+
+    // The service's signals are followed again.
+    QVERIFY(unit.Remove(QStringLiteral("usb")));
+    QCOMPARE(Reported(app.TakeArrivals(1)), QStringList{QStringLiteral("-/run/media/STICK")});
 }
 
 LARKD_NAMESPACE_TEST_MAIN(tLocalVolumesTest)

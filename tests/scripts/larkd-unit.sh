@@ -11,6 +11,10 @@
 #   STATEDIR/bus     the private bus address (once the simulator serves)
 #   STATEDIR/calls   the stand-ins' record, one call a line, tab-separated
 #   STATEDIR/sim.log the simulator's output
+# With LARKD_UNIT_RESTART=1 larkd is not exec'd but run, and run again
+# whenever it is killed (SIGKILL), as the unit's service manager restarts it;
+# bus and simulator stay. Its process id is then in STATEDIR/larkd.pid, and
+# SIGTERM to the caller's process id reaches larkd.
 # Needs root. larkd is LARKD_BINARY, else build/daemon/larkd; the simulator
 # UDISKS2_SIM_BINARY, else build/tools/udisks2-sim/udisks2-sim.
 set -euo pipefail
@@ -56,4 +60,17 @@ export LARKD_RECORD_FILE="$state/calls" LARKD_STANDIN_TMPFS=1
 : >"$LARKD_RECORD_FILE"
 # LARKD_UNIT_SYSLOG=1 leaves larkd's log to syslog(3), read from /dev/log by the caller.
 [ -n "${LARKD_UNIT_SYSLOG:-}" ] || set -- --disable-syslog "$@"
-exec "$larkd" "$@"
+[ -n "${LARKD_UNIT_RESTART:-}" ] || exec "$larkd" "$@"
+
+larkd_pid=
+stopping=
+trap 'stopping=1; [ -z "$larkd_pid" ] || kill -TERM "$larkd_pid" 2>/dev/null' TERM INT
+while :; do
+    setpriv --pdeathsig TERM -- "$larkd" "$@" &
+    larkd_pid=$!
+    echo "$larkd_pid" >"$state/larkd.pid"
+    wait "$larkd_pid" && status=0 || status=$?
+    # A trapped signal cuts the wait short: wait again for larkd's own status.
+    [ -z "$stopping" ] || { wait "$larkd_pid" && status=0 || status=$?; }
+    [ "$status" -eq 137 ] && [ -z "$stopping" ] || exit "$status"
+done

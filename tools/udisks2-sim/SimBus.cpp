@@ -31,6 +31,22 @@ bool tSimBus::Register(QString* error)
     return true;
 }
 
+bool tSimBus::SetAway(bool away, QString* error)
+{
+    if (away == m_Away) {
+        *error = away ? QStringLiteral("the service is away already") : QStringLiteral("the service is here already");
+        return false;
+    }
+    const bool done = away ? m_Connection.unregisterService(SimNames::Service)
+                           : m_Connection.registerService(SimNames::Service);
+    if (!done) {
+        *error = m_Connection.lastError().message();
+        return false;
+    }
+    m_Away = away;
+    return true;
+}
+
 QString tSimBus::introspect(const QString& path) const
 {
     // Only used by QtDBus when it describes a parent path; handleMessage()
@@ -156,6 +172,9 @@ QDBusMessage tSimBus::Filesystem(const QDBusMessage& message) const
 
 void tSimBus::OnInterfacesAdded(const QString& path, const tInterfaceMap& interfaces)
 {
+    // A service that is not running tells nobody anything.
+    if (m_Away)
+        return;
     QDBusMessage signal = QDBusMessage::createSignal(SimNames::RootPath, SimNames::ObjectManagerInterface,
                                                      QStringLiteral("InterfacesAdded"));
     signal << QVariant::fromValue(QDBusObjectPath(path)) << QVariant::fromValue(interfaces);
@@ -164,6 +183,8 @@ void tSimBus::OnInterfacesAdded(const QString& path, const tInterfaceMap& interf
 
 void tSimBus::OnInterfacesRemoved(const QString& path, const QStringList& interfaces)
 {
+    if (m_Away)
+        return;
     QDBusMessage signal = QDBusMessage::createSignal(SimNames::RootPath, SimNames::ObjectManagerInterface,
                                                      QStringLiteral("InterfacesRemoved"));
     signal << QVariant::fromValue(QDBusObjectPath(path)) << interfaces;
@@ -172,6 +193,8 @@ void tSimBus::OnInterfacesRemoved(const QString& path, const QStringList& interf
 
 void tSimBus::OnPropertiesChanged(const QString& path, const QString& interface, const QVariantMap& changed)
 {
+    if (m_Away)
+        return;
     QDBusMessage signal = QDBusMessage::createSignal(path, SimNames::PropertiesInterface, QStringLiteral("PropertiesChanged"));
     signal << interface << changed << QStringList();
     m_Connection.send(signal);

@@ -18,6 +18,9 @@ public:
 
     // Exports the tree and takes the service name.
     bool Register(QString* error);
+    // Gives the service name up, as a stopped service does, or takes it
+    // again, as a restarted one does: the objects, and what is mounted, stay.
+    bool SetAway(bool away, QString* error);
 
     QString introspect(const QString& path) const override;
     bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override;
@@ -36,4 +39,5 @@ private:
 
     tSimDevices* m_Devices;
     QDBusConnection m_Connection;
+    bool m_Away = false;
 };

@@ -1,11 +1,13 @@
 #include "SimControl.h"
 
+#include "SimBus.h"
 #include "SimDevices.h"
 #include "SimNames.h"
 
-tSimControl::tSimControl(tSimDevices* devices, QObject* parent)
+tSimControl::tSimControl(tSimDevices* devices, tSimBus* bus, QObject* parent)
     : QObject(parent)
     , m_Devices(devices)
+    , m_Bus(bus)
 {
 }
 
@@ -33,6 +35,20 @@ void tSimControl::Unmount(const QString& node)
 void tSimControl::FailNextMount(const QString& message)
 {
     m_Devices->FailNextMount(message);
+}
+
+void tSimControl::Away()
+{
+    QString error;
+    if (!m_Bus->SetAway(true, &error))
+        Fail(error);
+}
+
+void tSimControl::Back()
+{
+    QString error;
+    if (!m_Bus->SetAway(false, &error))
+        Fail(error);
 }
 
 QStringList tSimControl::Calls() const

@@ -4,6 +4,7 @@
 #include <QObject>
 #include <QStringList>
 
+class tSimBus;
 class tSimDevices;
 
 // The simulator's own control interface (org.larkd.UDisks2Sim): what a person
@@ -13,13 +14,17 @@ class tSimControl : public QObject, protected QDBusContext
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.larkd.UDisks2Sim")
 public:
-    explicit tSimControl(tSimDevices* devices, QObject* parent = nullptr);
+    tSimControl(tSimDevices* devices, tSimBus* bus, QObject* parent = nullptr);
 
 public slots:
     void Insert(const QString& slot, const QString& medium);
     void Remove(const QString& slot);
     void Unmount(const QString& node);
     void FailNextMount(const QString& message);
+    // The service stops (gives its name up) and starts again; media can be
+    // inserted and pulled meanwhile.
+    void Away();
+    void Back();
     QStringList Calls() const;
     QStringList Inserted() const;
 
@@ -27,4 +32,5 @@ private:
     void Fail(const QString& message);
 
     tSimDevices* m_Devices;
+    tSimBus* m_Bus;
 };

@@ -21,6 +21,8 @@ const char* const ControlUsage =
     "  remove SLOT               pull the medium out of a slot\n"
     "  unmount NODE              unmount a block (e.g. mmcblk0p1) behind the clients' backs\n"
     "  fail-next-mount [MESSAGE] make the next Mount call fail\n"
+    "  away                      stop serving: give the service name up, keeping every object\n"
+    "  back                      serve again, as a restarted service would\n"
     "  calls                     print the record of what happened\n"
     "  inserted                  print the filled slots\n";
 
@@ -33,6 +35,8 @@ int Control(const QStringList& args)
         {QStringLiteral("remove"), {QStringLiteral("Remove"), 1}},
         {QStringLiteral("unmount"), {QStringLiteral("Unmount"), 1}},
         {QStringLiteral("fail-next-mount"), {QStringLiteral("FailNextMount"), 1}},
+        {QStringLiteral("away"), {QStringLiteral("Away"), 0}},
+        {QStringLiteral("back"), {QStringLiteral("Back"), 0}},
         {QStringLiteral("calls"), {QStringLiteral("Calls"), 0}},
         {QStringLiteral("inserted"), {QStringLiteral("Inserted"), 0}},
     };
@@ -101,7 +105,7 @@ int main(int argc, char* argv[])
         return 1;
     }
     tSimBus simBus(&devices, bus);
-    tSimControl control(&devices);
+    tSimControl control(&devices, &simBus);
     // The control name comes last: once it is owned, the simulator is ready.
     if (!simBus.Register(&error)
         || !bus.registerObject(SimNames::ControlPath, &control, QDBusConnection::ExportAllSlots)
