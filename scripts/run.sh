@@ -66,6 +66,7 @@ for i in 0 1; do
     ip -n "${netns[i]}" link set lo up
     ip -n "${netns[i]}" link set eth0 up
 done
+# (The units themselves start through `ip netns exec` directly, so that $! is larkd.)
 in_unit() { ip netns exec "${netns[0]}" "$@"; }
 in_peer() { ip netns exec "${netns[1]}" "$@"; }
 
@@ -90,7 +91,7 @@ echo "   Laid out as on the device: /run/corvex_platform/config names the SD slo
 echo "      sd_slots=left,/dev/disk/by-path/platform-slot0:right,/dev/disk/by-path/platform-slot1"
 mkdir "$state/unit" "$state/peer"
 QT_LOGGING_RULES=${QT_LOGGING_RULES:-lk.daemon.debug=true} LARKD_BINARY=$build/daemon/larkd UDISKS2_SIM_BINARY=$sim \
-    LARKD_UNIT_SYSFS=$sysfs in_unit "$root/tests/scripts/larkd-unit.sh" "$state/unit" "$unit" --port "$port" "$@" \
+    LARKD_UNIT_SYSFS=$sysfs ip netns exec "${netns[0]}" "$root/tests/scripts/larkd-unit.sh" "$state/unit" "$unit" --port "$port" "$@" \
     > >(sed -u 's/^/   larkd | /') 2>&1 &
 larkd_pid=$!
 unit_started "$larkd_pid" "$state/unit" "${netns[0]}"
@@ -98,7 +99,7 @@ unit_started "$larkd_pid" "$state/unit" "${netns[0]}"
 say "Starting a second unit, the peer, on the other end of the cable: eth0 at ${address[1]}, no card"
 echo "   Its log goes to a file; what its display application hears starts with 'peer  |'."
 LARKD_BINARY=$build/daemon/larkd UDISKS2_SIM_BINARY=$sim LARKD_UNIT_SYSFS=$sysfs \
-    in_peer "$root/tests/scripts/larkd-unit.sh" "$state/peer" "$unit" --port "$port" --nfs-root /var/lib/nfs/remote \
+    ip netns exec "${netns[1]}" "$root/tests/scripts/larkd-unit.sh" "$state/peer" "$unit" --port "$port" --nfs-root /var/lib/nfs/remote \
     >"$state/peer.log" 2>&1 &
 peer_pid=$!
 unit_started "$peer_pid" "$state/peer" "${netns[1]}" || { cat "$state/peer.log"; exit 1; }
@@ -119,17 +120,13 @@ in_peer "$client" --port "$port" follow > >(sed -u 's/^/   peer  | /') 2>&1 &
 follow_pids+=($!)
 pause 1
 
-# peer_hears WORD: waits (up to 20 s) until the peer's volume list does
-# (WORD) or does not (!WORD) mention the card's share.
-peer_hears() {
-    local share=CHARTS
-    for _ in $(seq 100); do
-        if in_peer "$client" --port "$port" list --wait 200 | grep -q "$share"; then
-            [ "$1" = yes ] && return 0
-        else
-            [ "$1" = no ] && return 0
-        fi
-        sleep 0.2
+# peer_follows mount|umount: waits (up to 20 s) for the peer's larkd to mount
+# or unmount the card's share, as its stand-ins record. (Asking the peer's
+# larkd with another client would take the application's place.)
+peer_follows() {
+    for _ in $(seq 200); do
+        grep -q "^$1"$'\t'".*CHARTS" "$state/peer/calls" && { pause 0.3; return 0; }
+        sleep 0.1
     done
     echo "   (the peer did not follow in time; its log: $state/peer.log)"
 }
@@ -139,8 +136,8 @@ nsenter --mount --target "$larkd_pid" "$sysfs" /sys "$unit" left=charts
 "$sim" ctl insert left charts
 pause
 media
-say "The peer hears the card's announcement and mounts its export: a remote volume for its application"
-peer_hears yes
+peer_follows mount
+say "The peer heard the card's announcement and mounted its export: a remote volume (\"remote\":true) for its application"
 pause 1
 
 say "A USB stick goes into the USB port: udisks2-sim ctl insert usb stick"
@@ -155,7 +152,7 @@ pause
 say "The card comes out: udisks2-sim ctl remove left (a removal is a \"dataarrival\" whose fields are null but \"path\")"
 "$sim" ctl remove left
 echo "   The unit withdraws the share at once: the peer unmounts it and its application hears the removal."
-peer_hears no
+peer_follows umount
 pause
 say "The stick comes out: udisks2-sim ctl remove usb"
 "$sim" ctl remove usb
