@@ -3,6 +3,10 @@
 # besides the host's compiler, and prints the directory that holds it:
 #   DIR/sysroot                          armhf headers and libraries
 #   DIR/host/usr/bin/qemu-arm-static     the user-mode emulator for the tests
+#   DIR/sysroot/DEBIAN/{shlibs,symbols}  the dependency information of the
+#                                        sysroot's packages, so that
+#                                        dpkg-shlibdeps -S DIR/sysroot computes
+#                                        an armhf package's Depends
 # The cache (LARKD_ARMHF_SYSROOT_CACHE, default /var/cache/larkd-armhf-sysroot)
 # lives outside any build tree so that it outlasts clean clones. Each DIR is
 # keyed by the package list, the suites and this layout, so a changed list
@@ -21,19 +25,21 @@ sysroot_sources=("deb $archive $suite main" "deb $archive $suite-updates main")
 emulator_sources=("deb $archive $suite main" "deb $archive $suite-backports main")
 emulator_package=qemu-user-static/$suite-backports
 # Bump when the way a directory is made changes, so old ones are not reused.
-layout=4
+layout=5
 
 mapfile -t packages < <(grep -Ev '^\s*(#|$)' "$root/scripts/armhf-sysroot-packages.txt")
 key=$(printf '%s\n' "$layout" "${sysroot_sources[@]}" "${packages[@]}" "${emulator_sources[@]}" "$emulator_package" |
     sha256sum | cut -c1-16)
 dir=$cache/$key
 
-extract() { # ARCH PACKAGES TARGET SOURCES...
-    local arch=$1 include=$2 target=$3
+extract() { # ARCH PACKAGES TARGET SOURCES... [-- MMDEBSTRAP-OPTION...]
+    local arch=$1 include=$2 target=$3 sources=() options=()
     shift 3
-    printf '%s\n' "$@" |
+    while (($#)) && [ "$1" != -- ]; do sources+=("$1") && shift; done
+    (($#)) && shift && options=("$@")
+    printf '%s\n' "${sources[@]}" |
         mmdebstrap --quiet --variant=extract --arch="$arch" --mode=root --format=directory \
-            --include="$include" "$suite" "$target" - >&2
+            --include="$include" "${options[@]}" "$suite" "$target" - >&2
 }
 
 mkdir -p "$cache"
@@ -48,7 +54,11 @@ if [ ! -e "$dir/.complete" ]; then
     trap 'rm -rf "$work"' EXIT
     mkdir -p "$work"
 
-    extract armhf "${packages[*]}" "$work/sysroot" "${sysroot_sources[@]}"
+    # Nothing is installed, so there is no dpkg database: keep the control
+    # files of the downloaded packages, which carry their shlibs and symbols.
+    extract armhf "${packages[*]}" "$work/sysroot" "${sysroot_sources[@]}" -- \
+        --extract-hook='mkdir "$1/../control" && for deb in "$1"/var/cache/apt/archives/*.deb; do
+                            dpkg-deb --control "$deb" "$1/../control/$(basename "$deb" .deb)"; done'
     # Absolute links would lead the cross linker out of the sysroot into the
     # host's x86_64 libraries: make each one relative to its own directory.
     while IFS= read -r -d '' link; do
@@ -63,6 +73,13 @@ if [ ! -e "$dir/.complete" ]; then
     find "$work/sysroot" -mindepth 1 -maxdepth 1 ! -name usr ! -name 'lib*' -exec rm -rf {} +
     rm -rf "$work/sysroot/usr/bin" "$work/sysroot/usr/sbin" "$work/sysroot/usr/games"
     find "$work/sysroot/usr/share" -mindepth 1 -maxdepth 1 ! -name pkgconfig ! -name qt5 -exec rm -rf {} +
+    # A DEBIAN directory makes the sysroot look like a package being built to
+    # dpkg-shlibdeps, which then reads these for the libraries found in it.
+    mkdir "$work/sysroot/DEBIAN"
+    for kind in shlibs symbols; do
+        find "$work/control" -name "$kind" -exec cat {} + >"$work/sysroot/DEBIAN/$kind"
+    done
+    rm -rf "$work/control"
 
     extract amd64 "$emulator_package" "$work/host" "${emulator_sources[@]}"
     # The package carries every target; only 32-bit ARM is wanted.

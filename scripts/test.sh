@@ -2,8 +2,10 @@
 # Sets up, builds and runs the whole test suite twice: a normal build, then a
 # clang build with AddressSanitizer and UndefinedBehaviorSanitizer in which
 # any sanitizer report, from a test or from a process it started, fails.
-# Then the armhf cross build runs its tests under emulation; last, the
-# scenarios in virtual machines (label "vm") run once, against the normal build.
+# The normal build is packaged (amd64) and its packages are checked and
+# installed into a throwaway root. Then the armhf cross build runs its tests
+# under emulation and is packaged too; last, the scenarios in virtual
+# machines (label "vm") run once, against the normal build.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 jobs=$(nproc)
@@ -21,6 +23,10 @@ fi
 echo "== normal build"
 "$root/scripts/setup.sh" build -DLARKD_WERROR=ON
 (cd "$root/build" && ctest --output-on-failure -j"$jobs" -LE vm)
+status=0
+
+echo "== Debian packages (amd64)"
+{ "$root/scripts/package.sh" build && "$root/tests/scripts/check-package.sh" "$root/build/deb"; } || status=1
 
 echo "== sanitizer build (ASan + UBSan)"
 "$root/scripts/setup.sh" build-asan -DLARKD_WERROR=ON -DLARKD_SANITIZE=ON -DLARKD_FUZZ=ON -DCMAKE_BUILD_TYPE=Debug \
@@ -30,7 +36,6 @@ rm -rf "$reports" && mkdir -p "$reports"
 export ASAN_OPTIONS="halt_on_error=1:detect_leaks=1:log_path=$reports/asan"
 export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1:log_path=$reports/ubsan"
 export LSAN_OPTIONS="suppressions=$root/tests/lsan.supp:print_suppressions=0"
-status=0
 (cd "$root/build-asan" && ctest --output-on-failure -j"$jobs" -LE vm) || status=$?
 if compgen -G "$reports/*" >/dev/null; then
     echo "sanitizer reports:"
@@ -40,6 +45,9 @@ fi
 
 echo "== armhf cross build, tests under emulation"
 env -u ASAN_OPTIONS -u UBSAN_OPTIONS -u LSAN_OPTIONS "$root/scripts/cross-armhf.sh" || status=1
+echo "== Debian packages (armhf)"
+{ "$root/scripts/package.sh" build-armhf &&
+    "$root/tests/scripts/check-package.sh" "$root/build/deb" "$root/build-armhf/deb"; } || status=1
 
 echo "== lab: scenarios in virtual machines (tests/lab)"
 # Verbose: the scenarios print their timings, and the reason when a machine

@@ -15,6 +15,13 @@
 # whenever it is killed (SIGKILL), as the unit's service manager restarts it;
 # bus and simulator stay. Its process id is then in STATEDIR/larkd.pid, and
 # SIGTERM to the caller's process id reaches larkd.
+# With LARKD_UNIT_SYSFS (the unit-sysfs tool of the build) the unit is laid
+# out as it looks on the device, on fresh tmpfs over /sys, /dev and
+# /run/corvex_platform: the sysfs of its slots and of the media present at
+# start (card identities included), and the platform slot file naming the
+# "left" and "right" slots by their by-path links. Before a medium is put in,
+# `nsenter --mount --target PID unit-sysfs /sys UNITFILE SLOT=MEDIUM` writes
+# its sysfs.
 # Needs root. larkd is LARKD_BINARY, else build/daemon/larkd; the simulator
 # UDISKS2_SIM_BINARY, else build/tools/udisks2-sim/udisks2-sim.
 set -euo pipefail
@@ -44,6 +51,31 @@ for dir in /run/media /var/lib/nfs; do
     mount -t tmpfs -o mode=0755 larkd-unit "$dir"
 done
 mkdir /var/lib/nfs/remote
+if [ -n "${LARKD_UNIT_SYSFS:-}" ]; then
+    for dir in /sys /run/corvex_platform; do
+        mkdir -p "$dir"
+        mount -t tmpfs -o mode=0755 larkd-unit "$dir"
+    done
+    # A /dev of its own, for the slots' device nodes and links; only the
+    # harmless nodes of the machine's are kept.
+    devices=$(mktemp -d)
+    mount --rbind /dev "$devices"
+    mount -t tmpfs -o mode=0755 larkd-unit /dev
+    for node in null zero full random urandom tty; do
+        touch "/dev/$node"
+        mount --bind "$devices/$node" "/dev/$node"
+    done
+    umount -l "$devices" && rmdir "$devices"
+    "$LARKD_UNIT_SYSFS" /sys "$unit"
+    mkdir -p /dev/disk/by-path
+    touch /dev/mmcblk0 /dev/mmcblk1
+    ln -s ../../mmcblk0 /dev/disk/by-path/platform-slot0
+    ln -s ../../mmcblk1 /dev/disk/by-path/platform-slot1
+    echo "sd_slots=left,/dev/disk/by-path/platform-slot0:right,/dev/disk/by-path/platform-slot1" \
+        >/run/corvex_platform/config
+    # libudev reads a sysfs that is not the kernel's only when told to.
+    export SYSTEMD_DEVICE_VERIFY_SYSFS=0
+fi
 
 start_private_bus "$state" || { echo "larkd-unit: dbus-daemon did not start" >&2; exit 1; }
 
