@@ -168,10 +168,13 @@ void tServicePublisher::WithdrawAll()
 void tServicePublisher::Stop()
 {
     const QDateTime before = QFileInfo(m_RmtabPath).lastModified();
+    // Nothing was announced, so the peer has nothing of ours mounted to let go of.
+    const bool withdrew = m_Active && !m_Shares.isEmpty();
     WithdrawAll();
     if (m_RepublishTimer)
         m_RepublishTimer->stop();
-    WaitForPeerToReleaseExports(before);
+    if (withdrew)
+        WaitForPeerToReleaseExports(before);
 }
 
 // Blocks on purpose: local volumes must not be unmounted while the peer still
