@@ -168,7 +168,8 @@ void tServicePublisher::WithdrawAll()
 void tServicePublisher::Stop()
 {
     const QDateTime before = QFileInfo(m_RmtabPath).lastModified();
-    // Nothing was announced, so the peer has nothing of ours mounted to let go of.
+    // Only what was announced can be mounted by the peer: with nothing
+    // withdrawn there is nothing to wait for.
     const bool withdrew = m_Active && !m_Shares.isEmpty();
     WithdrawAll();
     if (m_RepublishTimer)
