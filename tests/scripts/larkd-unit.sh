@@ -53,7 +53,8 @@ until "$sim" ctl inserted >/dev/null 2>&1; do
     kill -0 "$sim_pid" 2>/dev/null || { echo "larkd-unit: the simulator exited" >&2; exit 1; }
     sleep 0.05
 done
-echo "$DBUS_SYSTEM_BUS_ADDRESS" >"$state/bus"
+# Written whole, then renamed: the caller reads it as soon as it exists.
+echo "$DBUS_SYSTEM_BUS_ADDRESS" >"$state/bus.new" && mv "$state/bus.new" "$state/bus"
 
 export PATH="$here/standins:$PATH"
 export LARKD_RECORD_FILE="$state/calls" LARKD_STANDIN_TMPFS=1
