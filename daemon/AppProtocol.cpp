@@ -176,6 +176,10 @@ void tLarkDaemon::ProcessMessage(const QByteArray& message)
             qCWarning(lcDaemon, "Unexpected interface configuration message");
             break;
         }
+        // An application may repeat itself; stopping costs the peer its
+        // mounts and may block for seconds.
+        if (request.namesInterface && m_SharingActive && request.interfaceName == m_SharingInterface)
+            break;
         // Sharing starts again once the named interface is up, running and addressed.
         StopSharing();
         m_InterfaceMonitor->RemoveAllInterfaces();

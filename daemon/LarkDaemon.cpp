@@ -136,7 +136,11 @@ void tLarkDaemon::SignalHandler(int sigNum)
         break;
     case SIGUSR2:
         qCInfo(lcDaemon, "tLarkDaemon::SignalHandler(): SIGUSR2: Simulating removing/inserting SD card");
-        UnmountAll();
+        {
+            const QList<tFileSystem*> remote = MountedRemoteVolumes();
+            UnmountAll();
+            RemountRemoteVolumes(remote);
+        }
         // Scan once the service's reports of these unmounts, already queued,
         // have been handled: handled after the scan, they would take the
         // freshly mounted volumes for ejected ones.
@@ -152,15 +156,15 @@ void tLarkDaemon::OnNetworkInterfaceStateChanged(const QString& name,
 {
     if (!m_ChartSharingEnabled)
         return;
-    // The peer is reached only over the direct cable, which has link-local addresses.
-    if (!m_TwoWayConnection && !HasLinkLocalAddress(state))
-        return;
-
+    // Whatever addresses remain: the link-local one may go with the carrier.
     if (!state.present || !state.running) {
         if (m_SharingActive)
             StopSharing();
         return;
     }
+    // The peer is reached only over the direct cable, which has link-local addresses.
+    if (!m_TwoWayConnection && !HasLinkLocalAddress(state))
+        return;
     if (m_SharingActive || state.addresses.isEmpty())
         return;
     // Unspecified: the publisher binds to every IPv4 address.
@@ -168,6 +172,7 @@ void tLarkDaemon::OnNetworkInterfaceStateChanged(const QString& name,
     m_Publisher->StartAnnouncing();
     m_Listener->Start(name, nullptr);
     m_SharingActive = true;
+    m_SharingInterface = name;
 }
 
 void tLarkDaemon::StopSharing()
@@ -176,4 +181,5 @@ void tLarkDaemon::StopSharing()
     if (m_Listener)
         m_Listener->Stop();
     m_SharingActive = false;
+    m_SharingInterface.clear();
 }

@@ -6,6 +6,7 @@
 
 #include <QByteArray>
 #include <QDateTime>
+#include <QHash>
 #include <QList>
 #include <QMap>
 #include <QObject>
@@ -17,6 +18,7 @@ class QTcpServer;
 class QTcpSocket;
 class tFileSystem;
 class tFileSystemInfo;
+class tNfsFileSystem;
 class tLinuxInterfaceMonitor;
 class tServiceListener;
 class tServicePublisher;
@@ -78,6 +80,14 @@ private:
     // Remote shares
     bool TreatedAsLocal(const tFileSystemInfo& info) const;
     tVolumeDescription RemoteDescription(const tFileSystemInfo& info, const QString& mountPath) const;
+    QList<tFileSystem*> MountedRemoteVolumes() const;
+    // After UnmountAll: each of these is mounted again once unmounted, if the
+    // peer still announces it, and otherwise reported gone.
+    void RemountRemoteVolumes(const QList<tFileSystem*>& unmounted);
+    // Reports the share gone (if the application knew of it), unlists it and
+    // frees it once umount has answered.
+    void ForgetNfsShare(tNfsFileSystem* nfs, bool reported);
+    void SendRemovalToApp(const QString& mountPoint);
 
     static QString ReadFirstWord(const QString& file, QDateTime& lastModified, QString& word);
 
@@ -113,4 +123,8 @@ private:
     static constexpr int cMaxEarlierAppSockets = 8;
     tLinuxInterfaceMonitor* m_InterfaceMonitor = nullptr;
     bool m_SharingActive = false;
+    QString m_SharingInterface; // while sharing is active
+    // Peer shares unmounted by SIGUSR2 and not mounted again yet, with the
+    // mount point the application was told of.
+    QHash<tFileSystem*, QString> m_RemountingShares;
 };

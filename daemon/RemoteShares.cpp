@@ -4,10 +4,13 @@
 
 #include "daemon/Logging.h"
 #include "sharing/NfsData.h"
+#include "sharing/ServiceListener.h"
 #include "storage/FileSystemInfo.h"
 #include "storage/NfsFileSystem.h"
 #include "storage/NfsFileSystemInfo.h"
 #include "storage/VolumeDescription.h"
+
+#include <memory>
 
 namespace
 {
@@ -55,6 +58,14 @@ void tLarkDaemon::AddNfsShare(const tNfsData& share)
     // Listed and reported once mount has answered, which a peer that never
     // does may take the whole process time-out for.
     connect(fileSystem, &tNfsFileSystem::MountFinished, this, [this, fileSystem](const QString& mountPath) {
+        // Mounted again after SIGUSR2: the application knows it where it was.
+        const auto remounted = m_RemountingShares.constFind(fileSystem);
+        if (remounted != m_RemountingShares.cend()) {
+            const QString knownPath = remounted.value();
+            m_RemountingShares.erase(remounted);
+            if (knownPath != mountPath && AppConnected())
+                SendRemovalToApp(knownPath);
+        }
         if (AppConnected())
             SendToApp(RemoteDescription(*fileSystem->Info(), mountPath));
         // Listed even when the mount failed: the share's removal cleans it up.
@@ -77,31 +88,70 @@ void tLarkDaemon::AddNfsShare(const tNfsData& share)
 
 void tLarkDaemon::RemoveNfsShare(const tNfsData& share)
 {
-    // The first mounted one, else one whose mount has not answered yet.
+    // The first mounted one, else one whose mount has not answered yet (or
+    // is being mounted again).
     tNfsFileSystem* nfs = nullptr;
     for (int i = 0; !nfs && i < m_MountedFileSystems.size(); ++i)
         nfs = ShareFrom(m_MountedFileSystems.at(i), share.source);
-    const bool reported = nfs != nullptr;
-    for (int i = 0; !nfs && i < m_RemoteFileSystems.size(); ++i) {
-        tNfsFileSystem* candidate = ShareFrom(m_RemoteFileSystems.at(i), share.source);
-        if (candidate && candidate->MountPending())
-            nfs = candidate;
-    }
+    for (int i = 0; !nfs && i < m_RemoteFileSystems.size(); ++i)
+        nfs = ShareFrom(m_RemoteFileSystems.at(i), share.source);
     if (!nfs)
         return;
+    // The application never heard of a share whose first mount had not answered.
+    ForgetNfsShare(nfs, m_MountedFileSystems.contains(nfs) || m_RemountingShares.contains(nfs));
+}
 
+void tLarkDaemon::ForgetNfsShare(tNfsFileSystem* nfs, bool reported)
+{
+    const QString mountPoint =
+        m_RemountingShares.contains(nfs) ? m_RemountingShares.take(nfs) : nfs->MountPoints().value(0);
     m_MountedFileSystems.removeAll(nfs);
     m_RemoteFileSystems.removeAll(nfs);
     // Kept until umount has answered; the daemon's end kills it all the same.
     nfs->setParent(this);
     connect(nfs, &tNfsFileSystem::UnmountFinished, nfs, &QObject::deleteLater);
     nfs->Unmount();
-    // The application never heard of a share whose mount had not answered.
-    if (reported && AppConnected()) {
-        const QByteArray document = SendToApp(
-            tVolumeDescription(QVariant(), QVariant(), QVariant(), QVariant(), QVariant(),
-                               PathForApp(m_NfsRoot, nfs->MountPoints().value(0)), QVariant(), QVariant(),
-                               QVariant(), QVariant()));
-        qCDebug(lcServiceListener, "tLarkDaemon::RemoveNfsShare - %s", document.constData());
+    if (reported && AppConnected())
+        SendRemovalToApp(mountPoint);
+}
+
+void tLarkDaemon::SendRemovalToApp(const QString& mountPoint)
+{
+    const QByteArray document =
+        SendToApp(tVolumeDescription(QVariant(), QVariant(), QVariant(), QVariant(), QVariant(),
+                                     PathForApp(m_NfsRoot, mountPoint), QVariant(), QVariant(), QVariant(), QVariant()));
+    qCDebug(lcServiceListener, "tLarkDaemon::RemoveNfsShare - %s", document.constData());
+}
+
+QList<tFileSystem*> tLarkDaemon::MountedRemoteVolumes() const
+{
+    QList<tFileSystem*> remote;
+    for (tFileSystem* fileSystem : m_MountedFileSystems) {
+        if (m_RemoteFileSystems.contains(fileSystem))
+            remote << fileSystem;
+    }
+    return remote;
+}
+
+void tLarkDaemon::RemountRemoteVolumes(const QList<tFileSystem*>& unmounted)
+{
+    for (tFileSystem* fileSystem : unmounted) {
+        auto* nfs = qobject_cast<tNfsFileSystem*>(fileSystem);
+        const auto* info = nfs ? qobject_cast<const tNfsFileSystemInfo*>(nfs->Info()) : nullptr;
+        if (!info || !m_RemoteFileSystems.contains(nfs))
+            continue;
+        if (!m_Listener || !m_Listener->Announces(info->Source())) {
+            ForgetNfsShare(nfs, true);
+            continue;
+        }
+        m_RemountingShares.insert(nfs, nfs->MountPoints().value(0));
+        // Its umount, started by UnmountAll, always answers later than this.
+        auto connection = std::make_shared<QMetaObject::Connection>();
+        *connection = connect(nfs, &tNfsFileSystem::UnmountFinished, this, [this, nfs, connection] {
+            disconnect(*connection);
+            // Unless withdrawn meanwhile: then it is on its way out.
+            if (m_RemountingShares.contains(nfs))
+                nfs->Mount(nfs->MountOptions());
+        });
     }
 }

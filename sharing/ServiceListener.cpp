@@ -16,6 +16,7 @@
 #include <netinet/ether.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 
 #include <cerrno>
 #include <cstring>
@@ -60,7 +61,13 @@ void tServiceListener::Start(const QString& interfaceName, const QHostAddress* b
     delete m_Socket;
     m_Socket = new QUdpSocket(this);
     connect(m_Socket, &QUdpSocket::readyRead, this, &tServiceListener::OnReadyRead);
-    m_Socket->bind(bindAddress ? *bindAddress : GroupAddress(), ShareDatagram::cPort, QUdpSocket::ShareAddress);
+    // The peer's keep-alive comes by unicast, so the group address alone is
+    // not enough. Bound to the interface, this socket outranks the
+    // publisher's on the same port and is the one given unicast datagrams.
+    m_Socket->bind(bindAddress ? *bindAddress : QHostAddress(QHostAddress::AnyIPv4), ShareDatagram::cPort,
+                   QUdpSocket::ShareAddress);
+    if (!bindAddress)
+        ListenOnInterfaceOnly(interfaceName);
     const QNetworkInterface interface = QNetworkInterface::interfaceFromName(interfaceName);
     m_Socket->setMulticastInterface(interface);
     if (m_Socket->joinMulticastGroup(GroupAddress(), interface))
@@ -203,6 +210,19 @@ void tServiceListener::OnServiceTimeout()
     m_Ignored.remove(key);
     m_FullWarned = false;
     timer->deleteLater();
+}
+
+void tServiceListener::ListenOnInterfaceOnly(const QString& interfaceName)
+{
+    const int fd = static_cast<int>(m_Socket->socketDescriptor());
+    const QByteArray device = interfaceName.toLocal8Bit();
+    if (setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, device.constData(), socklen_t(device.size())) != 0)
+        qCWarning(lcServiceListener, "tServiceListener::Start - cannot bind to interface %s: %s",
+                  device.constData(), std::strerror(errno));
+    // Other groups joined on the machine stay unheard, as with the socket
+    // bound to the group address.
+    const int all = 0;
+    setsockopt(fd, IPPROTO_IP, IP_MULTICAST_ALL, &all, sizeof all);
 }
 
 bool tServiceListener::IsOwnAddress(const QHostAddress& sender) const

@@ -30,6 +30,9 @@ public:
     // until the peer stops making them, so it is not mounted again meanwhile.
     void DropService(const QString& source, bool keepUnmounted);
 
+    // The share is believed alive: announced, neither withdrawn nor expired.
+    bool Announces(const QString& source) const { return m_Services.contains(source); }
+
 signals:
     void ServiceAdded(const tNfsData& nfsData);
     void ServiceRemoved(const tNfsData& nfsData);
@@ -40,6 +43,8 @@ private slots:
     void OnServiceTimeout();
 
 private:
+    // Group datagrams and unicast ones to any address, but only from this interface.
+    void ListenOnInterfaceOnly(const QString& interfaceName);
     bool IsOwnAddress(const QHostAddress& sender) const;
     // IsPacketFromPeer's answer, asked at most once per expiry period and sender.
     bool IsPeer(const QHostAddress& sender);

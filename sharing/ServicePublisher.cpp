@@ -168,10 +168,14 @@ void tServicePublisher::WithdrawAll()
 void tServicePublisher::Stop()
 {
     const QDateTime before = QFileInfo(m_RmtabPath).lastModified();
+    // Only what was announced can be mounted by the peer: with nothing
+    // withdrawn there is nothing to wait for.
+    const bool withdrew = m_Active && !m_Shares.isEmpty();
     WithdrawAll();
     if (m_RepublishTimer)
         m_RepublishTimer->stop();
-    WaitForPeerToReleaseExports(before);
+    if (withdrew)
+        WaitForPeerToReleaseExports(before);
 }
 
 // Blocks on purpose: local volumes must not be unmounted while the peer still

@@ -27,6 +27,8 @@ public:
                        const QString& serialNumber, const QString& detail, bool readOnly);
     void RemoveServiceNFS(const QString& path);
     void WithdrawAll();
+    // Withdraws every share; when there were any, blocks until the peer has
+    // let go of them (see SetRmtabPath) or 5 s have passed.
     void Stop();
     void RestartNfsServer();
 

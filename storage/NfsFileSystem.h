@@ -42,6 +42,8 @@ public:
     // An abandoned mount reports no MountFinished.
     void Unmount() override;
 
+    // The options of the last Mount.
+    QString MountOptions() const { return m_Options; }
     // From Mount or MountAfter until MountFinished.
     bool MountPending() const { return m_Mounting; }
     // Some program of this object is still running.
