@@ -3,6 +3,9 @@
 #include <QByteArray>
 #include <QFile>
 #include <QList>
+#include <QSocketNotifier>
+
+#include <memory>
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -21,7 +24,11 @@ public:
         qstrncpy(address.sun_path, QFile::encodeName(path).constData(), sizeof(address.sun_path));
         m_Bound = bind(m_Fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
     }
-    ~tLogSink() { close(m_Fd); }
+    ~tLogSink()
+    {
+        m_Notifier.reset();
+        close(m_Fd);
+    }
     tLogSink(const tLogSink&) = delete;
     tLogSink& operator=(const tLogSink&) = delete;
 
@@ -32,18 +39,33 @@ public:
         pollfd ready = {m_Fd, POLLIN, 0};
         return poll(&ready, 1, timeoutMs) == 1;
     }
+    // Reads datagrams as they come while the event loop runs: a logger that
+    // lags lets the daemon's syslog() block once the socket's queue is full.
+    void ReadInEventLoop()
+    {
+        m_Notifier = std::make_unique<QSocketNotifier>(m_Fd, QSocketNotifier::Read);
+        QObject::connect(m_Notifier.get(), &QSocketNotifier::activated, [this] { Read(); });
+    }
     // Every datagram received since the last call.
     QList<QByteArray> Drain()
     {
+        Read();
         QList<QByteArray> lines;
-        char buffer[8192];
-        ssize_t got;
-        while ((got = recv(m_Fd, buffer, sizeof(buffer), 0)) > 0)
-            lines << QByteArray(buffer, int(got));
+        lines.swap(m_Received);
         return lines;
     }
 
 private:
+    void Read()
+    {
+        char buffer[8192];
+        ssize_t got;
+        while ((got = recv(m_Fd, buffer, sizeof(buffer), 0)) > 0)
+            m_Received << QByteArray(buffer, int(got));
+    }
+
+    std::unique_ptr<QSocketNotifier> m_Notifier;
+    QList<QByteArray> m_Received;
     int m_Fd = -1;
     bool m_Bound = false;
 };

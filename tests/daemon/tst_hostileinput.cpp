@@ -61,6 +61,7 @@ void tHostileInputTest::printfDirectivesInALabelAreLoggedAsText()
     // /dev is the fixture's own tmpfs: the sink is the unit's system logger.
     tLogSink sink(QStringLiteral("/dev/log"));
     QVERIFY(sink.IsBound());
+    sink.ReadInEventLoop();
     qputenv("LARKD_UNIT_SYSLOG", "1");
     tLarkdUnit unit(E2eUnitFile(), {});
     QString error;
@@ -74,13 +75,14 @@ void tHostileInputTest::printfDirectivesInALabelAreLoggedAsText()
     QVERIFY(WriteMediumSysfs(QStringLiteral("usb"), QStringLiteral("directives")));
     QVERIFY(unit.Insert(QStringLiteral("usb"), QStringLiteral("directives")));
     QList<QByteArray> lines;
-    QTRY_VERIFY_WITH_TIMEOUT((lines += sink.Drain(), lines.join('\n').contains("/run/media/" + label)), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT((lines += sink.Drain(), lines.join('\n').contains("/run/media/" + label)), 20000);
 
     // Still alive, and the next card is reported.
+    QVERIFY(WriteMediumSysfs(QStringLiteral("right"), QStringLiteral("photos")));
     QVERIFY(unit.Insert(QStringLiteral("right"), QStringLiteral("photos")));
     QTRY_VERIFY2_WITH_TIMEOUT(app.Arrivals().size() >= 1 && app.Arrivals().last().value(QStringLiteral("path"))
                                  == QJsonValue(QStringLiteral("/run/media/PHOTOS")),
-                              (lines += sink.Drain(), lines.join('\n').constData()), 10000);
+                              (lines += sink.Drain(), lines.join('\n').constData()), 20000);
     QCOMPARE(unit.Process().state(), QProcess::Running);
 }
 

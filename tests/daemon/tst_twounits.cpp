@@ -8,6 +8,7 @@
 
 #include "DaemonProcess.h"
 #include "LarkdUnit.h"
+#include "LogSink.h"
 #include "NetnsPair.h"
 #include "PrivateMounts.h"
 #include "UnitFixture.h"
@@ -108,6 +109,7 @@ private slots:
     void sigusr2MountsPeerSharesAgain();
     void eth0SharesWhileUpWithALinkLocalAddress();
     void peerThatNeverAnswersHoldsNothingUp();
+    void printfDirectivesInAPeerShareAreLoggedAsText();
 
 private:
     // A exports writable to its peer; B, without media, mounts below its NFS
@@ -465,6 +467,37 @@ void tTwoUnitsTest::peerThatNeverAnswersHoldsNothingUp()
     clock.start();
     QVERIFY(m_UnitB->Stop());
     QVERIFY2(clock.elapsed() < 2000, qPrintable(QString::number(clock.elapsed())));
+}
+
+void tTwoUnitsTest::printfDirectivesInAPeerShareAreLoggedAsText()
+{
+    // Both units log to syslog, as on the device; /dev is the fixture's tmpfs.
+    QFile::remove(QStringLiteral("/dev/log"));
+    tLogSink sink(QStringLiteral("/dev/log"));
+    QVERIFY(sink.IsBound());
+    sink.ReadInEventLoop();
+    qputenv("LARKD_UNIT_SYSLOG", "1");
+    const bool started = StartUnits();
+    qunsetenv("LARKD_UNIT_SYSLOG");
+    QVERIFY(started);
+    QCOMPARE(m_AppB->TakeArrivals(1, 15000).size(), 1);
+
+    // A stick whose label is a string of printf directives: its share's
+    // path reaches B's NFS log lines when it is mounted and let go.
+    const QString directory = QStringLiteral("169.254.10.1:-run-media-X%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%n");
+    QVERIFY(WriteMediumSysfs(QStringLiteral("usb"), QStringLiteral("directives")));
+    QVERIFY(m_UnitA->Insert(QStringLiteral("usb"), QStringLiteral("directives")));
+    QList<QJsonObject> arrivals = m_AppB->TakeArrivals(1, 15000);
+    QCOMPARE(Paths(arrivals), QStringList{AppPath(directory)});
+    QVERIFY(m_UnitA->Remove(QStringLiteral("usb")));
+    arrivals = m_AppB->TakeArrivals(1, 15000);
+    QCOMPARE(arrivals.size(), 1);
+    QVERIFY(IsRemoval(arrivals.first(), AppPath(directory)));
+    const QByteArray unmounted = "tNfsFileSystem::Unmount(): Successfully unmounted " + (cNfsRoot + QLatin1Char('/') + directory).toUtf8();
+    QList<QByteArray> lines;
+    QTRY_VERIFY2_WITH_TIMEOUT((lines += sink.Drain(), lines.join('\n').contains(unmounted)), lines.join('\n').right(2000).constData(), 10000);
+    QCOMPARE(m_UnitB->Process().state(), QProcess::Running);
+    QCOMPARE(m_UnitA->Process().state(), QProcess::Running);
 }
 
 LARKD_NAMESPACE_TEST_MAIN(tTwoUnitsTest)
