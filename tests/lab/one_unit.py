@@ -163,7 +163,7 @@ def main(build_dir):
         # Restarts lose nothing: each new larkd adopts what udisks2 still has
         # mounted, and the application, reconnecting, hears of it again. A
         # short watchdog, so that a hung larkd is seen replaced in seconds.
-        started = time.monotonic()
+        restarts_started = started = time.monotonic()
         m.sh("mkdir -p /run/systemd/system/larkd.service.d && "
              "printf '[Service]\\nWatchdogSec=6\\n' > /run/systemd/system/larkd.service.d/lab-watchdog.conf && "
              "systemctl daemon-reload")
@@ -184,7 +184,7 @@ def main(build_dir):
         started = time.monotonic()
         m.sh("kill -STOP %d" % pid)
         pid = wait_restarted(u, pid, restarts + 1)
-        times["watchdog restart"] = time.monotonic() - started
+        times["SIGSTOP to restarted"] = time.monotonic() - started
         expect("Watchdog timeout" in m.sh("journalctl -b -u larkd --no-pager -o cat"),
                "systemd did not log the watchdog's timeout")
         check_restored(u, card_path, stick_path, "after the watchdog's restart")
@@ -193,10 +193,11 @@ def main(build_dir):
         started = time.monotonic()
         m.sh("kill -KILL %d" % pid)
         pid = wait_restarted(u, pid, restarts + 2)
-        times["SIGKILL restart"] = time.monotonic() - started
+        times["SIGKILL to restarted"] = time.monotonic() - started
         check_restored(u, card_path, stick_path, "after SIGKILL")
         expect(u.udisks_count("Mounted ") == mounts,
                "udisksd mounted again what larkd should have adopted")
+        times["restarts in all"] = time.monotonic() - restarts_started
     log("one unit passed: " + ", ".join("%s %.1f s" % kv for kv in times.items()))
 
 
