@@ -72,7 +72,7 @@ def check_host():
         skip("qemu-system-x86_64 is not installed (package qemu-system-x86)")
     if os.geteuid() != 0:
         skip("building the machine image needs root")
-    for tool in ("qemu-img", "mkfs.vfat", "mcopy", "sfdisk", "mmdebstrap"):
+    for tool in ("qemu-img", "mkfs.vfat", "mcopy", "sfdisk", "mmdebstrap", "dpkg-buildpackage", "dh"):
         if shutil.which(tool) is None:
             skip(tool + " is not installed")
 
