@@ -72,7 +72,7 @@ def check_host():
         skip("qemu-system-x86_64 is not installed (package qemu-system-x86)")
     if os.geteuid() != 0:
         skip("building the machine image needs root")
-    for tool in ("qemu-img", "mkfs.vfat", "mcopy", "sfdisk", "mmdebstrap"):
+    for tool in ("qemu-img", "mkfs.vfat", "mcopy", "sfdisk", "mmdebstrap", "dpkg-buildpackage", "dh"):
         if shutil.which(tool) is None:
             skip(tool + " is not installed")
 
@@ -127,12 +127,23 @@ class Lab:
         self._stage(build_dir)
 
     def _stage(self, build_dir):
-        """The share: what `cmake --install` makes of the build, and the
-        guest-side helpers."""
-        stage = os.path.join(self.share, "stage")
-        env = dict(os.environ, DESTDIR=stage)
-        subprocess.run(["cmake", "--install", build_dir], env=env, check=True,
-                       stdout=subprocess.DEVNULL)
+        """The share: the Debian packages of the build, as an integrator gets
+        them, and the guest-side helpers."""
+        started = time.monotonic()
+        package = os.path.join(HERE, "..", "..", "scripts", "package.sh")
+        out = subprocess.run([package, os.path.abspath(build_dir)], check=True,
+                             stdout=subprocess.PIPE, text=True).stdout.split()
+        arch = subprocess.run(["dpkg", "--print-architecture"], check=True,
+                              stdout=subprocess.PIPE, text=True).stdout.strip()
+        debs = [p for p in out if p.endswith("_%s.deb" % arch)]
+        names = sorted(os.path.basename(p).split("_")[0] for p in debs)
+        if names != ["larkd", "larkd-client"]:
+            raise SystemExit("lab: package.sh gave %s, not larkd and larkd-client for %s" % (out, arch))
+        os.makedirs(os.path.join(self.share, "debs"))
+        for deb in debs:
+            shutil.copy(deb, os.path.join(self.share, "debs"))
+        log("packages built in %.1f s: %s" % (time.monotonic() - started,
+                                              ", ".join(os.path.basename(p) for p in debs)))
         shutil.copytree(os.path.join(HERE, "guest"), os.path.join(self.share, "guest"))
 
     def machine(self, name, **kwargs):

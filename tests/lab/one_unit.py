@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """One unit with a card in its SD slot and a USB stick, larkd started by its
 installed systemd unit: what the display application receives and what the
-system shows, at boot, on pulling and re-inserting both media, and on
-SIGUSR2 and SIGTERM.
+system shows, at boot, on pulling and re-inserting both media, on SIGUSR2
+and SIGTERM, and when larkd starts again with its volumes still mounted:
+after a clean stop, a hang caught by the watchdog and SIGKILL.
     one_unit.py BUILD_DIR
 """
 
@@ -17,6 +18,7 @@ from unit import Unit, crc7_key, is_removal  # noqa: E402
 
 VFAT_OPTS = "flush,utf8,shortname=mixed"
 CARD_DEV, STICK_DEV = "/dev/mmcblk0p1", "/dev/sda1"
+OPTIONS = "--vfat %s --peer-mac 52:54:00:00:00:0b --code-name lab" % VFAT_OPTS
 
 
 def expect(condition, text):
@@ -68,6 +70,34 @@ def check_removal(u, path, device, what):
     u.m.wait_for("! test -e %s" % repr(link), what + " link gone or dangling", 30)
 
 
+def wait_restarted(u, old_pid, restarts):
+    """Waits for systemd's own restart (counted in NRestarts) to bring up a
+    new larkd; returns its process id."""
+    u.m.wait_for('test "$(systemctl show -P NRestarts larkd)" = %d && test "$(systemctl show -P ActiveState larkd)" = active'
+                 % restarts, "larkd restarted by systemd (restart %d)" % restarts, 60)
+    pid = int(u.m.sh("systemctl show -P MainPID larkd"))
+    expect(pid not in (0, old_pid), "larkd's main process is still %d" % pid)
+    return pid
+
+
+def check_restored(u, card_path, stick_path, when):
+    """The reconnected application hears of both volumes, each still at
+    its mount point, linked and exported, and larkd does not try to mount
+    them again. Returns larkd's process id."""
+    mark = u.seen
+    card = u.wait_volume(lambda v: v["type"] == "memorycard", "the card " + when)
+    last = u.seen
+    expect(check_card_arrival(u, card) == card_path, "the card %s is at %s, was at %s" % (when, card["path"], card_path))
+    u.seen = mark
+    stick = u.wait_volume(lambda v: v["type"] == "harddrive", "the stick " + when)
+    u.seen = max(u.seen, last)
+    expect(check_stick_arrival(u, stick) == stick_path, "the stick %s is at %s, was at %s" % (when, stick["path"], stick_path))
+    pid = int(u.m.sh("systemctl show -P MainPID larkd"))
+    log_lines = u.m.sh("journalctl -b _PID=%d --no-pager -o cat" % pid)
+    expect("failed to mount" not in log_lines.lower(), "larkd %s tried to mount again:\n%s" % (when, log_lines))
+    return pid
+
+
 def main(build_dir):
     times = {}
     with Lab(build_dir) as lab:
@@ -83,7 +113,7 @@ def main(build_dir):
         u.setup("169.254.10.1")
 
         started = time.monotonic()
-        u.start_larkd("--vfat %s --peer-mac 52:54:00:00:00:0b --code-name lab" % VFAT_OPTS, volumes=2)
+        u.start_larkd(OPTIONS, volumes=2)
         card_path = check_card_arrival(u, u.wait_volume(lambda v: v["type"] == "memorycard",
                                                         "the card present at boot"))
         u.seen = 0
@@ -129,6 +159,45 @@ def main(build_dir):
         expect(u.mount_of(CARD_DEV) is not None and u.mount_of(STICK_DEV) is not None,
                "volumes were unmounted on SIGTERM")
         times["signals"] = time.monotonic() - started
+
+        # Restarts lose nothing: each new larkd adopts what udisks2 still has
+        # mounted, and the application, reconnecting, hears of it again. A
+        # short watchdog, so that a hung larkd is seen replaced in seconds.
+        restarts_started = started = time.monotonic()
+        m.sh("mkdir -p /run/systemd/system/larkd.service.d && "
+             "printf '[Service]\\nWatchdogSec=6\\n' > /run/systemd/system/larkd.service.d/lab-watchdog.conf && "
+             "systemctl daemon-reload")
+        mounts = u.udisks_count("Mounted ")
+        restarts = int(m.sh("systemctl show -P NRestarts larkd"))
+        u.start_larkd(OPTIONS, volumes=2)
+        pid = check_restored(u, card_path, stick_path, "after a clean stop")
+        expect("watchdog ping every 3000 ms" in u.journal(), "larkd does not ping at half the drop-in's WatchdogSec")
+        times["start after stop"] = time.monotonic() - started
+
+        # Stopped, it misses its pings: the watchdog kills it, systemd starts
+        # another. It has to outlive one watchdog period first, or its pings
+        # were never heard and the restart would prove nothing.
+        m.wait_for("test $(ps -o etimes= -p %d) -ge 8" % pid, "larkd up for 8 s", 20)
+        expect(int(m.sh("systemctl show -P MainPID larkd")) == pid and
+               int(m.sh("systemctl show -P NRestarts larkd")) == restarts,
+               "larkd was restarted before it was stopped; its pings do not reach systemd")
+        started = time.monotonic()
+        m.sh("kill -STOP %d" % pid)
+        pid = wait_restarted(u, pid, restarts + 1)
+        times["SIGSTOP to restarted"] = time.monotonic() - started
+        expect("Watchdog timeout" in m.sh("journalctl -b -u larkd --no-pager -o cat"),
+               "systemd did not log the watchdog's timeout")
+        check_restored(u, card_path, stick_path, "after the watchdog's restart")
+
+        # Killed outright, it is restarted on failure, and adopts again.
+        started = time.monotonic()
+        m.sh("kill -KILL %d" % pid)
+        pid = wait_restarted(u, pid, restarts + 2)
+        times["SIGKILL to restarted"] = time.monotonic() - started
+        check_restored(u, card_path, stick_path, "after SIGKILL")
+        expect(u.udisks_count("Mounted ") == mounts,
+               "udisksd mounted again what larkd should have adopted")
+        times["restarts in all"] = time.monotonic() - restarts_started
     log("one unit passed: " + ", ".join("%s %.1f s" % kv for kv in times.items()))
 
 

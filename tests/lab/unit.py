@@ -9,6 +9,7 @@ import time
 from lab import LabError, log
 
 APP_LOG = "/run/lab-app.jsonl"
+APP_PID = "/run/lab-app.pid"
 PORT = 15003
 
 
@@ -48,14 +49,22 @@ class Unit:
         service and connects the application stand-in once the daemon
         reports the given number of volumes (0: as soon as it listens)."""
         started = time.monotonic()
-        self.m.sh("""
+        self.stop_following()
+        # The application port must accept a connection as soon as the start
+        # returns: the unit's display application is ordered after larkd.
+        out = self.m.sh("""
             env=$(systemctl show -P EnvironmentFiles larkd | cut -d' ' -f1)
             test -n "$env"
             mkdir -p "$(dirname "$env")"
             printf 'LARKD_OPTIONS="%%s"\\n' %s > "$env"
             systemctl start larkd
-        """ % shlex.quote(options))
-        self.m.wait_for("ss -ltnH 'sport = :%d' | grep -q LISTEN" % PORT, "larkd listening", 60)
+            if (exec 3<>/dev/tcp/127.0.0.1/%d) 2>/dev/null; then echo accepted; else echo refused; fi
+            systemctl show -p Type,ActiveState larkd
+        """ % (shlex.quote(options), PORT))
+        expect_lines = ["accepted", "Type=notify", "ActiveState=active"]
+        if out.split() != expect_lines:
+            raise LabError("%s: right after `systemctl start larkd`: %s (expected %s)"
+                           % (self.m.name, out.split(), expect_lines))
         if volumes:
             # An application that connects while the daemon is still mounting
             # what it found at start may be told nothing (the mount points
@@ -66,7 +75,14 @@ class Unit:
         log("%s: larkd up in %.1f s" % (self.m.name, time.monotonic() - started))
 
     def follow(self):
-        self.m.sh("rm -f %s; setsid larkd-client follow > %s 2>&1 < /dev/null &" % (APP_LOG, APP_LOG))
+        """The application stand-in, connecting again whenever larkd goes
+        away, as the unit's application does; its messages start afresh."""
+        self.m.sh("rm -f %s; setsid bash -c 'while :; do larkd-client follow; sleep 0.5; done' "
+                  "> %s 2> /run/lab-app.err < /dev/null & echo $! > %s" % (APP_LOG, APP_LOG, APP_PID))
+        self.seen = 0
+
+    def stop_following(self):
+        self.m.sh("test ! -e {0} || kill -- -$(cat {0}) || true; rm -f {0}".format(APP_PID))
 
     def messages(self):
         text = self.m.sh("cat %s" % APP_LOG)

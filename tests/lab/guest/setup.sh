@@ -1,14 +1,18 @@
 #!/bin/bash
-# Makes a freshly booted lab machine a unit: larkd installed as its package
-# installs it, the platform's slot configuration, udisks2 mounting shared
+# Makes a freshly booted lab machine a unit: larkd installed from its
+# packages, the platform's slot configuration, udisks2 mounting shared
 # under /run/media as on the unit, the NFS server, and eth0 with a
 # link-local address.
 #   setup.sh [ADDRESS]      e.g. 169.254.0.1; none: eth0 is left alone
 set -euo pipefail
 address=${1:-}
 
-cp -a /lab/stage/. /
-systemctl daemon-reload
+# Installed from its packages, enabled but not started: each scenario writes
+# its options before the first start.
+printf '#!/bin/sh\nexit 101\n' > /usr/sbin/policy-rc.d
+chmod 755 /usr/sbin/policy-rc.d
+dpkg -i /lab/debs/*.deb > /run/lab-dpkg.log 2>&1 || { cat /run/lab-dpkg.log; exit 1; }
+rm /usr/sbin/policy-rc.d
 
 mkdir -p /run/corvex_platform
 echo "sd_slots=left,/dev/mmcblk0" > /run/corvex_platform/config
