@@ -1,5 +1,7 @@
 #include "daemon/AppRequest.h"
 
+#include "system/JsonKeys.h"
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -7,6 +9,11 @@
 tAppRequest ParseAppRequest(const QByteArray& message)
 {
     tAppRequest request;
+    if (RepeatsAKey(message)) {
+        request.kind = tAppRequest::Kind::Malformed;
+        request.parseError = QStringLiteral("duplicate key");
+        return request;
+    }
     QJsonParseError error;
     const QJsonDocument document = QJsonDocument::fromJson(message, &error);
     if (error.error != QJsonParseError::NoError) {

@@ -1,5 +1,7 @@
 #include "sharing/ShareDatagram.h"
 
+#include "system/JsonKeys.h"
+
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QtEndian>
@@ -110,8 +112,9 @@ bool DecodeShareDatagram(const char* data, qint64 size, const QString& senderAdd
     // The writer ends the JSON with a newline; the reader leaves it out.
     if (offset < size) {
         decoded.jsonPresent = true;
-        const QJsonDocument document =
-            QJsonDocument::fromJson(QByteArray::fromRawData(data + offset, static_cast<int>(size - offset - 1)));
+        const QByteArray text = QByteArray::fromRawData(data + offset, static_cast<int>(size - offset - 1));
+        // Text that repeats a key is taken as invalid, unparsed: see RepeatsAKey.
+        const QJsonDocument document = RepeatsAKey(text) ? QJsonDocument() : QJsonDocument::fromJson(text);
         if (!document.isNull()) {
             decoded.jsonValid = true;
             const QJsonObject json = document.object();

@@ -3,9 +3,10 @@
 #include <QByteArray>
 #include <QFile>
 #include <QList>
-#include <QSocketNotifier>
+#include <QMutex>
 
-#include <memory>
+#include <atomic>
+#include <thread>
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -26,7 +27,9 @@ public:
     }
     ~tLogSink()
     {
-        m_Notifier.reset();
+        m_Stop = true;
+        if (m_Reader.joinable())
+            m_Reader.join();
         close(m_Fd);
     }
     tLogSink(const tLogSink&) = delete;
@@ -39,17 +42,24 @@ public:
         pollfd ready = {m_Fd, POLLIN, 0};
         return poll(&ready, 1, timeoutMs) == 1;
     }
-    // Reads datagrams as they come while the event loop runs: a logger that
-    // lags lets the daemon's syslog() block once the socket's queue is full.
-    void ReadInEventLoop()
+    // Reads datagrams as they come, on a thread of its own: a logger that
+    // lags lets the daemon's syslog() block once the socket's queue (ten
+    // datagrams) is full, whatever the test is waiting for meanwhile.
+    void ReadInBackground()
     {
-        m_Notifier = std::make_unique<QSocketNotifier>(m_Fd, QSocketNotifier::Read);
-        QObject::connect(m_Notifier.get(), &QSocketNotifier::activated, [this] { Read(); });
+        m_Reader = std::thread([this] {
+            while (!m_Stop) {
+                pollfd ready = {m_Fd, POLLIN, 0};
+                if (poll(&ready, 1, 50) == 1)
+                    Read();
+            }
+        });
     }
     // Every datagram received since the last call.
     QList<QByteArray> Drain()
     {
         Read();
+        QMutexLocker lock(&m_Lock);
         QList<QByteArray> lines;
         lines.swap(m_Received);
         return lines;
@@ -60,11 +70,15 @@ private:
     {
         char buffer[8192];
         ssize_t got;
-        while ((got = recv(m_Fd, buffer, sizeof(buffer), 0)) > 0)
+        while ((got = recv(m_Fd, buffer, sizeof(buffer), 0)) > 0) {
+            QMutexLocker lock(&m_Lock);
             m_Received << QByteArray(buffer, int(got));
+        }
     }
 
-    std::unique_ptr<QSocketNotifier> m_Notifier;
+    std::thread m_Reader;
+    std::atomic<bool> m_Stop{false};
+    QMutex m_Lock;
     QList<QByteArray> m_Received;
     int m_Fd = -1;
     bool m_Bound = false;

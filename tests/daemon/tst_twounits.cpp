@@ -475,7 +475,7 @@ void tTwoUnitsTest::printfDirectivesInAPeerShareAreLoggedAsText()
     QFile::remove(QStringLiteral("/dev/log"));
     tLogSink sink(QStringLiteral("/dev/log"));
     QVERIFY(sink.IsBound());
-    sink.ReadInEventLoop();
+    sink.ReadInBackground();
     qputenv("LARKD_UNIT_SYSLOG", "1");
     const bool started = StartUnits();
     qunsetenv("LARKD_UNIT_SYSLOG");
