@@ -283,7 +283,9 @@ QList<QJsonObject> tAppConnection::Arrivals()
     QList<QJsonObject> arrivals;
     for (const QByteArray& document : qAsConst(m_Documents)) {
         const QJsonObject message = QJsonDocument::fromJson(document).object().value(QStringLiteral("message")).toObject();
-        arrivals << message.value(QStringLiteral("content")).toObject().value(QStringLiteral("dataarrival")).toObject();
+        const QJsonObject arrival = message.value(QStringLiteral("content")).toObject().value(QStringLiteral("dataarrival")).toObject();
+        if (!m_IgnoredPaths.contains(arrival.value(QStringLiteral("path")).toString()))
+            arrivals << arrival;
     }
     return arrivals;
 }

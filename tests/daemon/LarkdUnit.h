@@ -82,8 +82,10 @@ public:
     // Sends the bytes as they are (the caller adds the NULs).
     void SendRaw(const QByteArray& bytes);
     void Send(const QJsonObject& message);
-    // The "dataarrival" objects received so far and not yet taken.
+    // The "dataarrival" objects received so far and not yet taken, but for
+    // those with an ignored path.
     QList<QJsonObject> Arrivals();
+    void IgnorePath(const QString& path) { m_IgnoredPaths << path; }
     // Waits up to timeoutMs until at least count arrivals are there, then takes them all.
     QList<QJsonObject> TakeArrivals(int count, int timeoutMs = 10000);
     // Every complete document received so far, raw, taken.
@@ -96,6 +98,7 @@ private:
     QTcpSocket m_Socket;
     QByteArray m_Pending;
     QList<QByteArray> m_Documents;
+    QStringList m_IgnoredPaths;
 };
 
 // The envelope of an application request.
