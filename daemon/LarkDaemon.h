@@ -62,6 +62,7 @@ private slots:
 private:
     // Mounting flow
     void MakeFriendlySymlink(const QString& mountPoint, const QString& friendlyName);
+    void RemoveFriendlySymlink(const QString& mountPoint, const QString& friendlyName);
     void RemoveStaleLinks(const QString& directory);
     void ManualScan();
     void UnmountAll();
@@ -99,6 +100,15 @@ private:
     QMap<QString, tFileSystem*> m_FileSystems;
     QList<tFileSystem*> m_RemoteFileSystems;
     QList<tFileSystem*> m_MountedFileSystems;
+    // What was exported and linked for each mounted node: its removal undoes
+    // exactly that, whatever the service still says of the volume by then
+    // (a pulled medium's objects are gone before its mount).
+    struct tMountedVolume
+    {
+        QString mountPoint;
+        QString linkName;
+    };
+    QMap<QString, tMountedVolume> m_MountedVolumes;
     QString m_VfatMountOpts;
     QString m_InternalSharePath;
     bool m_ChartSharingEnabled;

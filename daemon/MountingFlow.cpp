@@ -78,14 +78,16 @@ void tLarkDaemon::OnFileSystemAdded(const QString& node)
     const QString friendlyName = info->FriendlyName();
     const QString cid = info->Cid();
     const bool readOnly = info->ReadOnly();
+    const QString linkName = info->SymlinkName();
 
     if (m_Publisher) {
         if (m_ChartSharingEnabled) {
             m_Publisher->AddServiceNFS(mountPoint, cLocalShareType, cid, contentId, serialNumber, friendlyName,
                                        readOnly || !m_WriteableExports);
         }
-        MakeFriendlySymlink(mountPoint, info->SymlinkName());
+        MakeFriendlySymlink(mountPoint, linkName);
     }
+    m_MountedVolumes.insert(node, {mountPoint, linkName});
 
     if (AppConnected() && !friendlyName.isEmpty()) {
         SendToApp(tVolumeDescription(true, !cid.isEmpty(), false, false, readOnly, PathForApp(m_NfsRoot, mountPoint),
@@ -99,15 +101,19 @@ void tLarkDaemon::OnFileSystemRemoved(const QString& node)
     if (!m_FileSystems.contains(node))
         return;
     tFileSystem* fileSystem = m_FileSystems.value(node);
-    const QStringList mountPoints = fileSystem->MountPoints();
+    // A pulled medium's object is gone while the kernel still holds its
+    // mount, and the service removes the directory only after that.
+    const tMountedVolume mounted = m_MountedVolumes.take(node);
+    const QString& mountPoint = mounted.mountPoint;
 
-    if (m_Publisher && m_MountedFileSystems.contains(fileSystem) && !mountPoints.isEmpty()) {
-        m_Publisher->RemoveServiceNFS(mountPoints.first());
+    if (m_Publisher && m_MountedFileSystems.contains(fileSystem) && !mountPoint.isEmpty()) {
+        m_Publisher->RemoveServiceNFS(mountPoint);
         if (AppConnected()) {
             SendToApp(tVolumeDescription(QVariant(), QVariant(), QVariant(), QVariant(), QVariant(),
-                                         PathForApp(m_NfsRoot, mountPoints.first()), QVariant(), QVariant(),
-                                         QVariant(), QVariant()));
+                                         PathForApp(m_NfsRoot, mountPoint), QVariant(), QVariant(), QVariant(),
+                                         QVariant()));
         }
+        RemoveFriendlySymlink(mountPoint, mounted.linkName);
     }
     fileSystem->Unmount();
 
@@ -136,6 +142,15 @@ void tLarkDaemon::MakeFriendlySymlink(const QString& mountPoint, const QString& 
         qCWarning(lcDaemon, "tLarkDaemon::MakeFriendlySymlink(): failed to create symlink %s -> %s",
                   qUtf8Printable(target), qUtf8Printable(linkPath));
     }
+}
+
+void tLarkDaemon::RemoveFriendlySymlink(const QString& mountPoint, const QString& friendlyName)
+{
+    // Only the volume's own link: one of that name may lead to another card.
+    const QFileInfo mountInfo(mountPoint);
+    const QFileInfo link(mountInfo.absoluteDir().absolutePath() + QLatin1Char('/') + friendlyName);
+    if (link.isSymLink() && link.symLinkTarget() == mountInfo.absoluteFilePath())
+        QFile::remove(link.absoluteFilePath());
 }
 
 void tLarkDaemon::RemoveStaleLinks(const QString& directory)
@@ -180,6 +195,7 @@ void tLarkDaemon::UnmountAll()
     qCInfo(lcDaemon, "tLarkDaemon::UnmountAll()");
     while (!m_MountedFileSystems.isEmpty()) {
         tFileSystem* fileSystem = m_MountedFileSystems.takeFirst();
+        m_MountedVolumes.remove(m_FileSystems.key(fileSystem));
         const QStringList mountPoints = fileSystem->MountPoints();
         qCDebug(lcDaemon, "tLarkDaemon::UnmountAll(): umounting %s",
                 qUtf8Printable(mountPoints.value(0)));

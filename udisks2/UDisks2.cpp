@@ -15,7 +15,10 @@ QMap<QString, tUDisks2Drive*> tUDisks2::m_Drives;
 tUDisks2::tUDisks2(QObject* parent)
     : QObject(parent)
 {
-    QDBusConnection bus = QDBusConnection::connectToBus(QDBusConnection::SystemBus, QStringLiteral("system"));
+    // The connection the proxies hear their property changes on: on one
+    // connection the service's signals keep the order it sent them in (a
+    // pulled card's Size 0 before its partition's removal).
+    QDBusConnection bus = QDBusConnection::systemBus();
     bus.connect(UDisks2Names::Service, UDisks2Names::RootPath, UDisks2Names::ObjectManagerInterface,
                 UDisks2Names::InterfacesAddedSignal, this,
                 SLOT(OnInterfaceAdded(QDBusObjectPath, QMap<QString, QVariant>)));

@@ -65,9 +65,9 @@ def check_removal(u, path, device, what):
     u.wait_unmounted(device)
     u.m.wait_for("! exportfs -v | grep -qF %s" % repr(path), what + " unexported", 30)
     link = os.path.join(os.path.dirname(path), "Memory Card - 1" if what == "card" else "USB Memory Card A1")
-    # Links are swept only once dangling, and udisks2 removes the mount
-    # directory after the daemon has heard of the removal: gone or dangling.
-    u.m.wait_for("! test -e %s" % repr(link), what + " link gone or dangling", 30)
+    # udisks2 removes the mount directory only after the objects, in its
+    # clean-up: the link must go with the volume, not be left dangling.
+    u.m.wait_for("! test -L %s" % repr(link), what + " link removed", 30)
 
 
 def wait_restarted(u, old_pid, restarts):

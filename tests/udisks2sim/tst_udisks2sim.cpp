@@ -59,9 +59,14 @@ public:
         bus.connect(Service, Root, QStringLiteral("org.freedesktop.DBus.ObjectManager"), QStringLiteral("InterfacesRemoved"),
                     this, SLOT(OnRemoved(QDBusMessage)));
         bus.connect(Service, QString(), Properties, QStringLiteral("PropertiesChanged"), this, SLOT(OnChanged(QDBusMessage)));
+        bus.connect(Service, QString(), QStringLiteral("org.freedesktop.UDisks2.Job"), QStringLiteral("Completed"), this,
+                    SLOT(OnCompleted(QDBusMessage)));
     }
     QStringList lines;
     QList<QDBusMessage> messages;
+    // Whether this path existed as each line arrived.
+    QString watched;
+    QList<bool> present;
 
 private slots:
     void OnAdded(const QDBusMessage& m)
@@ -72,6 +77,10 @@ private slots:
     void OnRemoved(const QDBusMessage& m)
     {
         Record(m, QStringLiteral("removed %1 %2").arg(Name(m), m.arguments().at(1).toStringList().join(QLatin1Char(','))));
+    }
+    void OnCompleted(const QDBusMessage& m)
+    {
+        Record(m, QStringLiteral("completed %1 %2").arg(m.path().section(QLatin1Char('/'), -1), m.arguments().value(0).toString()));
     }
     void OnChanged(const QDBusMessage& m)
     {
@@ -90,6 +99,7 @@ private:
     {
         lines << line.replace(QStringLiteral("org.freedesktop.UDisks2."), QString());
         messages << m;
+        present << (!watched.isEmpty() && QFileInfo::exists(watched));
     }
 };
 } // namespace
@@ -246,19 +256,42 @@ private slots:
         QCOMPARE(interfaces.value(BlockInterface).value(QStringLiteral("IdLabel")).toString(), QStringLiteral("CHARTS"));
         QCOMPARE(interfaces.value(BlockInterface).value(QStringLiteral("DeviceNumber")).toULongLong(), 179ull * 256 + 1);
 
+        // Pulled while mounted, card and stick alike: the objects go while the
+        // kernel still holds the mount, then the service's clean-up job
+        // removes the mount directory (recorded on udisksd 2.9.4, see
+        // tSimDevices::CleanUp). MountPoints never changes.
         QVERIFY(Mount(QStringLiteral("mmcblk0p1")).type() == QDBusMessage::ReplyMessage);
-        const QString mountPoint = m_Unit->MountBase() + QStringLiteral("/CHARTS");
-        QVERIFY(QFileInfo(mountPoint).isDir());
-        QTRY_COMPARE(log.lines.size(), inserted.size() + 1);
-        log.lines.clear();
-        QVERIFY(m_Unit->Remove(QStringLiteral("left")));
-        QTRY_COMPARE(log.lines, (QStringList{
-                                    QStringLiteral("removed mmcblk0p1 Block,Filesystem,Partition"),
-                                    QStringLiteral("removed mmcblk0 Block,PartitionTable"),
-                                    QStringLiteral("removed SD16G_0x1a2b3c4d Drive"),
-                                }));
-        QCOMPARE(log.messages.at(log.messages.size() - 1).signature(), QStringLiteral("oas"));
-        QVERIFY(!QFileInfo::exists(mountPoint));
+        QVERIFY(Mount(QStringLiteral("sda1")).type() == QDBusMessage::ReplyMessage);
+        QTRY_COMPARE(log.lines.size(), inserted.size() + 2);
+        auto pullWhileMounted = [&](const char* slot, const QString& mountPoint, const QStringList& removed) {
+            QVERIFY(QFileInfo(mountPoint).isDir());
+            log.lines.clear();
+            log.messages.clear();
+            log.present.clear();
+            log.watched = mountPoint;
+            QVERIFY(m_Unit->Remove(QLatin1String(slot)));
+            QTRY_COMPARE(log.lines.size(), removed.size() + 3);
+            QCOMPARE(log.lines.mid(0, removed.size()), removed);
+            const QString jobName = log.lines.at(removed.size()).section(QLatin1Char(' '), 1, 1);
+            QCOMPARE(log.lines.mid(removed.size()), (QStringList{QStringLiteral("added %1 Job").arg(jobName),
+                                                                 QStringLiteral("completed %1 true").arg(jobName),
+                                                                 QStringLiteral("removed %1 Job").arg(jobName)}));
+            QCOMPARE(log.messages.at(0).signature(), QStringLiteral("oas"));
+            QCOMPARE(log.messages.at(removed.size()).path(), Root);
+            QCOMPARE(log.messages.at(removed.size() + 1).signature(), QStringLiteral("bs"));
+            const QVariantMap jobProperties = qdbus_cast<QMap<QString, QVariantMap>>(
+                log.messages.at(removed.size()).arguments().at(1).value<QDBusArgument>()).value(QStringLiteral("org.freedesktop.UDisks2.Job"));
+            QCOMPARE(jobProperties.value(QStringLiteral("Operation")).toString(), QStringLiteral("cleanup"));
+            // Every object was gone while the directory was still there.
+            QVERIFY(!log.present.mid(0, removed.size()).contains(false));
+            QVERIFY(!QFileInfo::exists(mountPoint));
+        };
+        pullWhileMounted("left", m_Unit->MountBase() + QStringLiteral("/CHARTS"),
+                         {QStringLiteral("removed mmcblk0p1 Filesystem,Partition,Block"),
+                          QStringLiteral("removed mmcblk0 PartitionTable,Block"), QStringLiteral("removed SD16G_0x1a2b3c4d Drive")});
+        pullWhileMounted("usb", m_Unit->MountBase() + QStringLiteral("/STICK"),
+                         {QStringLiteral("removed sda1 Filesystem,Partition,Block"), QStringLiteral("removed sda PartitionTable,Block"),
+                          QStringLiteral("removed SanDisk_Cruzer_Blade_4C530001220528115343 Drive")});
     }
 
     void cardReaderShowsMediaChangesAroundThePartition()
@@ -288,8 +321,11 @@ private slots:
                                     QStringLiteral("changed sdb1 Block Size"),
                                     QStringLiteral("changed sdb Block Size"),
                                     QStringLiteral("changed Generic_Ultra_Fast_Media_000000264001 Drive Media,MediaAvailable,Size"),
-                                    QStringLiteral("removed sdb1 Block,Filesystem,Partition"),
+                                    QStringLiteral("removed sdb1 Filesystem,Partition,Block"),
                                     QStringLiteral("removed sdb PartitionTable"),
+                                    QStringLiteral("added 0 Job"),
+                                    QStringLiteral("completed 0 true"),
+                                    QStringLiteral("removed 0 Job"),
                                 }));
         QCOMPARE(qdbus_cast<QVariantMap>(log.messages.at(0).arguments().at(1)).value(QStringLiteral("Size")).toULongLong(), 0ull);
         QVERIFY(QDir(m_Unit->MountBase()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries).isEmpty());
@@ -318,6 +354,9 @@ private slots:
                                     QStringLiteral("changed Generic_Ultra_Fast_Media_000000264001 Drive Media,MediaAvailable,Size"),
                                     QStringLiteral("removed sdb Filesystem"),
                                     QStringLiteral("changed sdb Block Id,IdLabel,IdType,IdUUID,IdUsage,IdVersion,Symlinks"),
+                                    QStringLiteral("added 0 Job"),
+                                    QStringLiteral("completed 0 true"),
+                                    QStringLiteral("removed 0 Job"),
                                 }));
         QCOMPARE(Get(sdb, BlockInterface, QStringLiteral("IdUsage")).toString(), QString());
         QVERIFY(!QFileInfo::exists(m_Unit->MountBase() + QStringLiteral("/MAPS")));

@@ -16,6 +16,7 @@ tSimBus::tSimBus(tSimDevices* devices, const QDBusConnection& connection, QObjec
     connect(devices, &tSimDevices::InterfacesAdded, this, &tSimBus::OnInterfacesAdded);
     connect(devices, &tSimDevices::InterfacesRemoved, this, &tSimBus::OnInterfacesRemoved);
     connect(devices, &tSimDevices::PropertiesChanged, this, &tSimBus::OnPropertiesChanged);
+    connect(devices, &tSimDevices::JobCompleted, this, &tSimBus::OnJobCompleted);
 }
 
 bool tSimBus::Register(QString* error)
@@ -197,5 +198,14 @@ void tSimBus::OnPropertiesChanged(const QString& path, const QString& interface,
         return;
     QDBusMessage signal = QDBusMessage::createSignal(path, SimNames::PropertiesInterface, QStringLiteral("PropertiesChanged"));
     signal << interface << changed << QStringList();
+    m_Connection.send(signal);
+}
+
+void tSimBus::OnJobCompleted(const QString& path, bool success, const QString& message)
+{
+    if (m_Away)
+        return;
+    QDBusMessage signal = QDBusMessage::createSignal(path, SimNames::JobInterface, QStringLiteral("Completed"));
+    signal << success << message;
     m_Connection.send(signal);
 }

@@ -29,6 +29,7 @@ private slots:
     void OnInterfacesAdded(const QString& path, const tInterfaceMap& interfaces);
     void OnInterfacesRemoved(const QString& path, const QStringList& interfaces);
     void OnPropertiesChanged(const QString& path, const QString& interface, const QVariantMap& changed);
+    void OnJobCompleted(const QString& path, bool success, const QString& message);
 
 private:
     QDBusMessage Dispatch(const QDBusMessage& message) const;

@@ -49,6 +49,7 @@ signals:
     void InterfacesAdded(const QString& path, const tInterfaceMap& interfaces);
     void InterfacesRemoved(const QString& path, const QStringList& interfaces);
     void PropertiesChanged(const QString& path, const QString& interface, const QVariantMap& changed);
+    void JobCompleted(const QString& path, bool success, const QString& message);
 
 private:
     void AddInterfaces(const QString& path, const tInterfaceMap& interfaces);
@@ -64,6 +65,7 @@ private:
     QString MountDirectory(const QVariantMap& filesystemBlock) const;
     QStringList MountPoints(const QString& path) const;
     void ForgetMounts(const QString& path);
+    void CleanUp(const QStringList& directories);
 
     tUnitDescription m_Unit;
     QString m_MountBase;
@@ -74,4 +76,5 @@ private:
     bool m_FailNextMount = false;
     QString m_FailMessage;
     QStringList m_Calls;
+    int m_NextJob = 0;
 };

@@ -11,6 +11,7 @@ inline const QString RootPath = QStringLiteral("/org/freedesktop/UDisks2");
 inline const QString ManagerPath = QStringLiteral("/org/freedesktop/UDisks2/Manager");
 inline const QString BlockDevicesPath = QStringLiteral("/org/freedesktop/UDisks2/block_devices");
 inline const QString DrivesPath = QStringLiteral("/org/freedesktop/UDisks2/drives");
+inline const QString JobsPath = QStringLiteral("/org/freedesktop/UDisks2/jobs");
 
 inline const QString ObjectManagerInterface = QStringLiteral("org.freedesktop.DBus.ObjectManager");
 inline const QString PropertiesInterface = QStringLiteral("org.freedesktop.DBus.Properties");
@@ -22,6 +23,7 @@ inline const QString PartitionInterface = QStringLiteral("org.freedesktop.UDisks
 inline const QString PartitionTableInterface = QStringLiteral("org.freedesktop.UDisks2.PartitionTable");
 inline const QString FilesystemInterface = QStringLiteral("org.freedesktop.UDisks2.Filesystem");
 inline const QString DriveInterface = QStringLiteral("org.freedesktop.UDisks2.Drive");
+inline const QString JobInterface = QStringLiteral("org.freedesktop.UDisks2.Job");
 
 inline const QString ErrorFailed = QStringLiteral("org.freedesktop.UDisks2.Error.Failed");
 inline const QString ErrorAlreadyMounted = QStringLiteral("org.freedesktop.UDisks2.Error.AlreadyMounted");
