@@ -4,6 +4,7 @@
 
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QJsonDocument>
@@ -140,7 +141,20 @@ bool tLarkdUnit::ServiceBack(QString* error)
 
 bool tLarkdUnit::Remove(const QString& slot, QString* error)
 {
-    return Control(QStringLiteral("Remove"), {slot}, error);
+    // Like the real service, the simulator removes a pulled medium's mount
+    // directory a moment after the medium itself; until then the same medium
+    // put back would get another directory name. Wait for that clean-up (at
+    // most 1.5 s: a medium that was not mounted leaves nothing to clean).
+    const QDir media(Inside(QStringLiteral("/run/media")));
+    auto mountDirectories = [&media] { return media.entryList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::NoSymLinks).size(); };
+    const int before = mountDirectories();
+    if (!Control(QStringLiteral("Remove"), {slot}, error))
+        return false;
+    QElapsedTimer clock;
+    clock.start();
+    while (mountDirectories() >= before && !clock.hasExpired(1500))
+        QTest::qWait(20);
+    return true;
 }
 
 bool tLarkdUnit::UnmountBehind(const QString& node, QString* error)
