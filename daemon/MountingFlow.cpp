@@ -35,6 +35,17 @@ QByteArray Describe(const QMap<QString, tFileSystem*>& fileSystems)
     QDebug(&text).nospace().noquote() << fileSystems;
     return text.toUtf8();
 }
+// The friendly link of a volume: beside its mount directory.
+QString FriendlyLinkPath(const QFileInfo& mountInfo, const QString& friendlyName)
+{
+    return mountInfo.absoluteDir().absolutePath() + QLatin1Char('/') + friendlyName;
+}
+
+bool LeadsTo(const QString& linkPath, const QFileInfo& mountInfo)
+{
+    const QFileInfo link(linkPath);
+    return link.isSymLink() && link.symLinkTarget() == mountInfo.absoluteFilePath();
+}
 } // namespace
 
 QString tLarkDaemon::PathForApp(const QString& nfsRoot, const QString& mountPoint)
@@ -130,13 +141,12 @@ void tLarkDaemon::OnFileSystemChanged(const QString& node)
 void tLarkDaemon::MakeFriendlySymlink(const QString& mountPoint, const QString& friendlyName)
 {
     const QFileInfo mountInfo(mountPoint);
-    const QString linkPath = mountInfo.absoluteDir().absolutePath() + QLatin1Char('/') + friendlyName;
+    const QString linkPath = FriendlyLinkPath(mountInfo, friendlyName);
     // Relative, so the link stays right wherever the directory is seen from.
     const QString target = mountInfo.fileName();
     // An existing link is left alone: two cards with one name keep the first
     // link. One that already leads here (made by an earlier run) is no clash.
-    const QFileInfo link(linkPath);
-    if (link.isSymLink() && link.symLinkTarget() == mountInfo.absoluteFilePath())
+    if (LeadsTo(linkPath, mountInfo))
         return;
     if (!QFile::link(target, linkPath)) {
         qCWarning(lcDaemon, "tLarkDaemon::MakeFriendlySymlink(): failed to create symlink %s -> %s",
@@ -148,9 +158,9 @@ void tLarkDaemon::RemoveFriendlySymlink(const QString& mountPoint, const QString
 {
     // Only the volume's own link: one of that name may lead to another card.
     const QFileInfo mountInfo(mountPoint);
-    const QFileInfo link(mountInfo.absoluteDir().absolutePath() + QLatin1Char('/') + friendlyName);
-    if (link.isSymLink() && link.symLinkTarget() == mountInfo.absoluteFilePath())
-        QFile::remove(link.absoluteFilePath());
+    const QString linkPath = FriendlyLinkPath(mountInfo, friendlyName);
+    if (LeadsTo(linkPath, mountInfo))
+        QFile::remove(linkPath);
 }
 
 void tLarkDaemon::RemoveStaleLinks(const QString& directory)
