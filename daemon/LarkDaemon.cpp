@@ -60,6 +60,7 @@ tLarkDaemon::tLarkDaemon(const tDaemonConfig& config, QObject* parent)
     connect(m_UDisks2, &tUDisks2::FileSystemAdded, this, &tLarkDaemon::OnFileSystemAdded);
     connect(m_UDisks2, &tUDisks2::FileSystemChanged, this, &tLarkDaemon::OnFileSystemChanged);
     connect(m_UDisks2, &tUDisks2::FileSystemRemoved, this, &tLarkDaemon::OnFileSystemRemoved);
+    connect(m_UDisks2, &tUDisks2::EnumerationFinished, this, &tLarkDaemon::OnEnumerationFinished);
 
     m_SignalNotifier = new tUnixSignalNotifier(this);
     connect(m_SignalNotifier, &tUnixSignalNotifier::SignalReceived, this, &tLarkDaemon::SignalHandler);
@@ -138,13 +139,12 @@ void tLarkDaemon::SignalHandler(int sigNum)
         qCInfo(lcDaemon, "tLarkDaemon::SignalHandler(): SIGUSR2: Simulating removing/inserting SD card");
         {
             const QList<tFileSystem*> remote = MountedRemoteVolumes();
-            UnmountAll();
+            // Scan once the service has answered these unmounts and its
+            // reports of them have been handled: handled after the scan, they
+            // would take the freshly mounted volumes for ejected ones.
+            UnmountAll([this] { ManualScan(); });
             RemountRemoteVolumes(remote);
         }
-        // Scan once the service's reports of these unmounts, already queued,
-        // have been handled: handled after the scan, they would take the
-        // freshly mounted volumes for ejected ones.
-        QMetaObject::invokeMethod(this, &tLarkDaemon::ManualScan, Qt::QueuedConnection);
         break;
     default:
         break;

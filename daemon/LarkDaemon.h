@@ -10,8 +10,10 @@
 #include <QList>
 #include <QMap>
 #include <QObject>
+#include <QSet>
 #include <QString>
 
+#include <functional>
 #include <vector>
 
 class QTcpServer;
@@ -50,12 +52,19 @@ public:
     void AddNfsShare(const tNfsData& share);
     void RemoveNfsShare(const tNfsData& share);
 
+signals:
+    // The volumes present were asked for and those found are being mounted
+    // (the start-up scan, or the rescan after SIGUSR2).
+    void ScanFinished();
+
 private slots:
     void OnAppPendingConnection();
     void OnReadyRead();
     void OnFileSystemAdded(const QString& node);
     void OnFileSystemChanged(const QString& node);
     void OnFileSystemRemoved(const QString& node);
+    void OnLocalMountFinished(const QString& mountPoint);
+    void OnEnumerationFinished();
     void SignalHandler(int sigNum);
     void OnNetworkInterfaceStateChanged(const QString& name, const tNetworkInterfaceMonitor::InterfaceState& state);
 
@@ -64,8 +73,11 @@ private:
     void MakeFriendlySymlink(const QString& mountPoint, const QString& friendlyName);
     void RemoveFriendlySymlink(const QString& mountPoint, const QString& friendlyName);
     void RemoveStaleLinks(const QString& directory);
+    void OnLocalVolumeMounted(const QString& node, tFileSystem* fileSystem, const QString& mountPoint);
     void ManualScan();
-    void UnmountAll();
+    // Unmounts every mounted volume; then runs once the service has answered
+    // for each local one.
+    void UnmountAll(const std::function<void()>& then);
 
     // Display-application protocol
     void StartServer();
@@ -100,6 +112,9 @@ private:
     QMap<QString, tFileSystem*> m_FileSystems;
     QList<tFileSystem*> m_RemoteFileSystems;
     QList<tFileSystem*> m_MountedFileSystems;
+    // Local volumes whose Mount is not answered yet.
+    QSet<tFileSystem*> m_MountingFileSystems;
+    bool m_ScanPending = false;
     // What was exported and linked for each mounted node: its removal undoes
     // exactly that, whatever the service still says of the volume by then
     // (a pulled medium's objects are gone before its mount).

@@ -16,6 +16,9 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QSet>
+
+#include <memory>
 
 namespace
 {
@@ -58,10 +61,13 @@ QString tLarkDaemon::PathForApp(const QString& nfsRoot, const QString& mountPoin
 void tLarkDaemon::OnFileSystemAdded(const QString& node)
 {
     qCDebug(lcDaemon, "tLarkDaemon::OnFileSystemAdded(): node = %s", qUtf8Printable(node));
-    // A node is handled once while mounted. A rescan enters nodes in the map
-    // unmounted (SIGUSR2 unmounts first), and those must be mounted again.
-    if (m_FileSystems.contains(node) && m_MountedFileSystems.contains(m_FileSystems.value(node)))
-        return;
+    // A node is handled once while mounted or being mounted. A rescan enters
+    // nodes in the map unmounted (SIGUSR2 unmounts first), and those must be
+    // mounted again.
+    if (tFileSystem* known = m_FileSystems.value(node, nullptr)) {
+        if (m_MountedFileSystems.contains(known) || m_MountingFileSystems.contains(known))
+            return;
+    }
     tUDisks2Block* block = tUDisks2::Block(node);
     tFileSystem* fileSystem = block ? block->FileSystem() : nullptr;
     if (!fileSystem || !fileSystem->IsValid())
@@ -70,16 +76,36 @@ void tLarkDaemon::OnFileSystemAdded(const QString& node)
 
     // A volume the service has mounted already (larkd restarted, say) is
     // adopted where it is, and handled from here on as if just mounted.
-    QString mountPoint = fileSystem->MountPoints().value(0);
-    if (mountPoint.isEmpty()) {
-        const bool vfat = block->Property(QStringLiteral("IdType")).toString() == QLatin1String("vfat");
-        mountPoint = fileSystem->Mount(vfat ? m_VfatMountOpts : QString());
+    const QString mountPoint = fileSystem->MountPoints().value(0);
+    if (!mountPoint.isEmpty()) {
+        OnLocalVolumeMounted(node, fileSystem, mountPoint);
+        return;
     }
+    m_MountingFileSystems.insert(fileSystem);
+    connect(fileSystem, &tFileSystem::MountFinished, this, &tLarkDaemon::OnLocalMountFinished, Qt::UniqueConnection);
+    const bool vfat = block->Property(QStringLiteral("IdType")).toString() == QLatin1String("vfat");
+    fileSystem->Mount(vfat ? m_VfatMountOpts : QString());
+}
+
+void tLarkDaemon::OnLocalMountFinished(const QString& mountPoint)
+{
+    // Only a mount still wanted: a volume removed meanwhile is forgotten.
+    auto* fileSystem = qobject_cast<tFileSystem*>(sender());
+    if (!m_MountingFileSystems.remove(fileSystem))
+        return;
+    const QString node = m_FileSystems.key(fileSystem);
+    if (node.isEmpty())
+        return;
     if (mountPoint.isEmpty()) {
         qCWarning(lcDaemon, "tLarkDaemon::OnFileSystemAdded(): failed to mount");
         m_FileSystems.remove(node);
         return;
     }
+    OnLocalVolumeMounted(node, fileSystem, mountPoint);
+}
+
+void tLarkDaemon::OnLocalVolumeMounted(const QString& node, tFileSystem* fileSystem, const QString& mountPoint)
+{
     qCDebug(lcDaemon, "tLarkDaemon::OnFileSystemAdded(): mounted at %s", qUtf8Printable(mountPoint));
     m_MountedFileSystems.append(fileSystem);
     const QString contentId = ContentId();
@@ -126,8 +152,11 @@ void tLarkDaemon::OnFileSystemRemoved(const QString& node)
         }
         RemoveFriendlySymlink(mountPoint, mounted.linkName);
     }
-    fileSystem->Unmount();
+    // Once its unexport has run: the NFS server holds an exported filesystem
+    // busy. The object is gone by then, so the call names the node.
+    m_Publisher->AfterCommands(this, [node] { tUDisks2FileSystem::UnmountNode(node); });
 
+    m_MountingFileSystems.remove(fileSystem);
     m_MountedFileSystems.removeAll(fileSystem);
     m_FileSystems.remove(node);
     RemoveStaleLinks(MediaDirectory());
@@ -178,8 +207,6 @@ void tLarkDaemon::ManualScan()
 {
     qCInfo(lcDaemon, "tLarkDaemon::ManualScan()");
     RemoveStaleLinks(MediaDirectory());
-    const QString contentId = ContentId();
-    const QString serialNumber = SerialNumber();
 
     for (const QString& node : tUDisks2::BlockDevices()) {
         // Only a valid filesystem is entered: an invalid one (a whole disk's)
@@ -191,24 +218,56 @@ void tLarkDaemon::ManualScan()
     }
     qCDebug(lcDaemon, "tLarkDaemon::ManualScan(): filesystems = %s", Describe(m_FileSystems).constData());
 
+    // The internal store follows once the service's objects are in: its
+    // export comes after those of the volumes found, as it always has.
+    m_ScanPending = true;
     m_UDisks2->Enumerate();
-
-    // Disabled chart sharing exports nothing, the internal store included.
-    if (!m_InternalSharePath.isEmpty() && m_Publisher && m_ChartSharingEnabled) {
-        m_Publisher->AddServiceNFS(m_InternalSharePath, cInternalShareType, QString(), contentId, serialNumber,
-                                   QStringLiteral("Internal HD Charts"), true);
-    }
 }
 
-void tLarkDaemon::UnmountAll()
+void tLarkDaemon::OnEnumerationFinished()
+{
+    if (!m_ScanPending)
+        return;
+    m_ScanPending = false;
+    // Disabled chart sharing exports nothing, the internal store included.
+    if (!m_InternalSharePath.isEmpty() && m_Publisher && m_ChartSharingEnabled) {
+        m_Publisher->AddServiceNFS(m_InternalSharePath, cInternalShareType, QString(), ContentId(), SerialNumber(),
+                                   QStringLiteral("Internal HD Charts"), true);
+    }
+    emit ScanFinished();
+}
+
+void tLarkDaemon::UnmountAll(const std::function<void()>& then)
 {
     qCInfo(lcDaemon, "tLarkDaemon::UnmountAll()");
+    // The local volumes still to be answered for, or gone (a volume whose
+    // unmount the service reported first is removed before its answer). The
+    // round's connections go with it.
+    auto* round = new QObject(this);
+    auto waiting = std::make_shared<QSet<tFileSystem*>>();
+    const auto settled = [this, round, waiting, then](tFileSystem* fileSystem) {
+        if (waiting->remove(fileSystem) && waiting->isEmpty()) {
+            round->deleteLater();
+            QMetaObject::invokeMethod(this, then, Qt::QueuedConnection);
+        }
+    };
     while (!m_MountedFileSystems.isEmpty()) {
         tFileSystem* fileSystem = m_MountedFileSystems.takeFirst();
         m_MountedVolumes.remove(m_FileSystems.key(fileSystem));
         const QStringList mountPoints = fileSystem->MountPoints();
         qCDebug(lcDaemon, "tLarkDaemon::UnmountAll(): umounting %s",
                 qUtf8Printable(mountPoints.value(0)));
+        if (m_FileSystems.key(fileSystem).isEmpty()) {
+            fileSystem->Unmount();
+            continue;
+        }
+        waiting->insert(fileSystem);
+        connect(fileSystem, &tFileSystem::UnmountFinished, round, [settled, fileSystem] { settled(fileSystem); });
+        connect(fileSystem, &QObject::destroyed, round, [settled, fileSystem] { settled(fileSystem); });
         fileSystem->Unmount();
+    }
+    if (waiting->isEmpty()) {
+        delete round;
+        QMetaObject::invokeMethod(this, then, Qt::QueuedConnection);
     }
 }

@@ -29,7 +29,8 @@ int main(int argc, char* argv[])
 
     tServiceManagerNotifier serviceManager;
     tLarkDaemon daemon(config);
-    // Constructed, the daemon listens for the application and has scanned.
-    serviceManager.Ready();
+    // Ready once the daemon listens for the application (it does once
+    // constructed) and the start-up scan has found what is present.
+    QObject::connect(&daemon, &tLarkDaemon::ScanFinished, &serviceManager, &tServiceManagerNotifier::Ready);
     return QCoreApplication::exec();
 }

@@ -18,11 +18,16 @@ public:
     // The volume's description, owned by this object.
     virtual tFileSystemInfo* Info() const = 0;
     virtual bool IsValid() const = 0;
-    // Mounts with a comma-separated option string (may be empty); returns
-    // the mount path (where it already is, for a volume mounted before), or
-    // an empty string on failure.
-    virtual QString Mount(const QString& options) = 0;
+    // Starts mounting with a comma-separated option string (may be empty)
+    // and returns at once: MountFinished follows.
+    virtual void Mount(const QString& options) = 0;
     virtual QStringList MountPoints() const = 0;
-    // Failures are only logged.
+    // Starts unmounting; UnmountFinished follows. Failures are only logged.
     virtual void Unmount() = 0;
+
+signals:
+    // The mount path (where it already was, for a volume mounted before), or
+    // an empty string when the mount failed.
+    void MountFinished(const QString& mountPath);
+    void UnmountFinished();
 };

@@ -131,11 +131,11 @@ void tNfsFileSystem::OnProcessEnded(QProcess* process, tOutcome outcome)
     }
 }
 
-QString tNfsFileSystem::Mount(const QString& options)
+void tNfsFileSystem::Mount(const QString& options)
 {
     if (m_Process) {
         qCWarning(lcNfs, "tNfsFileSystem::Mount(): still busy, not mounting");
-        return QString();
+        return;
     }
     m_Options = options;
     m_Mounting = true;
@@ -145,7 +145,6 @@ QString tNfsFileSystem::Mount(const QString& options)
     } else {
         Run(tStep::Check, QStringLiteral("mountpoint"), {QStringLiteral("-q"), m_MountPath});
     }
-    return QString();
 }
 
 void tNfsFileSystem::MountAfter(QObject* previous, const QString& options)

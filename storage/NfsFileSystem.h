@@ -27,9 +27,8 @@ public:
 
     tFileSystemInfo* Info() const override;
     bool IsValid() const override;
-    // Starts mounting and returns an empty string at once: the result comes
-    // with MountFinished. Not to be called while a program of this object runs.
-    QString Mount(const QString& options) override;
+    // Not to be called while a program of this object runs.
+    void Mount(const QString& options) override;
     // Mount once `previous` is gone: an object whose unmount of the same
     // directory is still running, and would otherwise undo this mount.
     void MountAfter(QObject* previous, const QString& options);
@@ -52,11 +51,6 @@ public:
     // The mount directory for a share: the root, then the source with every
     // "/" turned into "-".
     QString MountPathFor(const QString& source);
-
-signals:
-    // The mount path, or an empty string when the mount failed.
-    void MountFinished(const QString& mountPath);
-    void UnmountFinished();
 
 private:
     enum class tStep { Check, Mount, Unmount };

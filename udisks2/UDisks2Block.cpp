@@ -10,42 +10,14 @@
 #include "udisks2/UDisks2Names.h"
 #include "udisks2/UDisks2Text.h"
 
-#include <QDBusArgument>
-#include <QDBusConnection>
 #include <QDBusObjectPath>
 
-namespace {
-
-// "MountPoints" as carried by PropertiesChanged: an aay that arrives as a
-// QDBusArgument inside the map.
-QStringList MountPointTexts(const QVariant& value)
-{
-    QStringList points;
-    if (value.userType() != qMetaTypeId<QDBusArgument>())
-        return points;
-    const QDBusArgument argument = value.value<QDBusArgument>();
-    if (argument.currentType() != QDBusArgument::ArrayType)
-        return points;
-    argument.beginArray();
-    while (!argument.atEnd() && argument.currentType() == QDBusArgument::BasicType) {
-        const QVariant element = argument.asVariant();
-        if (element.userType() == QMetaType::QByteArray)
-            points.append(TextUpToNul(element.toByteArray()));
-    }
-    argument.endArray();
-    return points;
-}
-
-} // namespace
 
 tUDisks2Block::tUDisks2Block(const QString& node, QObject* parent)
     : QObject(parent)
     , m_Path(UDisks2Names::BlockDevicesPrefix + node)
     , m_Name(node)
 {
-    QDBusConnection::systemBus().connect(UDisks2Names::Service, m_Path, UDisks2Names::PropertiesInterface,
-                                         UDisks2Names::PropertiesChangedSignal, this,
-                                         SLOT(OnPropertiesChanged(QString, QVariantMap, QStringList)));
     Update();
 }
 
@@ -56,7 +28,7 @@ tUDisks2Block::~tUDisks2Block()
 
 QVariant tUDisks2Block::Property(const QString& name) const
 {
-    return ReadUDisks2Property(m_Path, UDisks2Names::BlockInterface, name);
+    return tUDisks2::Objects().Property(m_Path, UDisks2Names::BlockInterface, name);
 }
 
 void tUDisks2Block::Update()
@@ -107,7 +79,7 @@ void tUDisks2Block::OnPropertiesChanged(const QString& interface, const QVariant
     for (auto it = changedProp.cbegin(); it != changedProp.cend(); ++it) {
         // Whoever unmounted the volume, it is gone for the daemon.
         if (it.key() == UDisks2Names::MountPointsProperty) {
-            if (MountPointTexts(it.value()).isEmpty() && IsMounted())
+            if (it.value().toStringList().isEmpty() && IsMounted())
                 emit Ejected(m_Name);
         } else if (it.key() == UDisks2Names::SizeProperty) {
             // The medium was pulled from a reader while mounted.
@@ -152,11 +124,13 @@ void tUDisks2Block::Resynchronise()
     Update();
     if (!m_FileSystem || !m_FileSystem->IsValid())
         return;
-    bool read = false;
-    const bool unmounted = IsMounted() && m_FileSystem->ReadMountPoints(&read).isEmpty() && read;
+    const tUDisks2Objects& objects = tUDisks2::Objects();
+    const bool unmounted =
+        IsMounted() &&
+        objects.Property(m_Path, UDisks2Names::FilesystemInterface, UDisks2Names::MountPointsProperty).toStringList().isEmpty();
     // An unreadable Id says nothing about the medium; a different one, that it was swapped.
     const bool swapped = !m_Id.isEmpty() && m_Id != id;
-    if (swapped || unmounted || !HasUDisks2Interface(m_Path, UDisks2Names::FilesystemInterface))
+    if (swapped || unmounted || !objects.Has(m_Path, UDisks2Names::FilesystemInterface))
         RemoveFilesystem();
 }
 

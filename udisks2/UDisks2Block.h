@@ -17,7 +17,7 @@ public:
     tUDisks2Block(const QString& node, QObject* parent);
     ~tUDisks2Block() override;
 
-    // Re-reads every cached property from the service.
+    // Takes every property from the registry's copy of the service's objects.
     void Update();
 
     tUDisks2FileSystem* FileSystem() const;
@@ -26,18 +26,23 @@ public:
     // drive's node name (empty when the block has no drive).
     QString Device() const;
     QString DriveName() const;
-    // The live value of a property of the Block interface, read at each call.
+    // A property of the Block interface as the service last reported it.
     QVariant Property(const QString& name) const;
 
     // Creates the filesystem proxy if the drive's bus says what kind of
     // volume it is, and announces a valid filesystem.
     void AddFilesystem();
     void RemoveFilesystem();
-    // After the service was away: removes the filesystem if it went, holds
-    // another medium, or was unmounted meanwhile.
+    // With a fresh copy of the service's objects (after it was away, say):
+    // removes the filesystem if it went, holds another medium, or was
+    // unmounted meanwhile.
     void Resynchronise();
     // Takes ownership of fileSystem, deleting a different previous one.
     void SetFileSystem(tUDisks2FileSystem* fileSystem);
+
+    // The registry passes the service's changes on, in the cache's plain values.
+    void OnPropertiesChanged(const QString& interface, const QVariantMap& changedProp,
+                             const QStringList& invalidatedProp);
 
 signals:
     void Changed(const QString& node);
@@ -45,10 +50,6 @@ signals:
     void FileSystemRemoved(const QString& node);
     void FileSystemChanged(const QString& node);
     void Ejected(const QString& node);
-
-public slots:
-    void OnPropertiesChanged(const QString& interface, const QVariantMap& changedProp,
-                             const QStringList& invalidatedProp);
 
 private:
     bool IsMounted() const;

@@ -1,25 +1,21 @@
 #include "udisks2/UDisks2Drive.h"
 
 #include "daemon/Logging.h"
-#include "udisks2/UDisks2Bus.h"
+#include "udisks2/UDisks2.h"
 #include "udisks2/UDisks2Names.h"
 
-#include <QDBusConnection>
 
 tUDisks2Drive::tUDisks2Drive(const QString& node, QObject* parent)
     : QObject(parent)
     , m_Path(UDisks2Names::DrivesPrefix + node)
     , m_Name(node)
 {
-    QDBusConnection::systemBus().connect(UDisks2Names::Service, m_Path, UDisks2Names::PropertiesInterface,
-                                         UDisks2Names::PropertiesChangedSignal, this,
-                                         SLOT(OnPropertiesChanged(QString, QVariantMap, QStringList)));
     Update();
 }
 
 QVariant tUDisks2Drive::Property(const QString& name) const
 {
-    return ReadUDisks2Property(m_Path, UDisks2Names::DriveInterface, name);
+    return tUDisks2::Objects().Property(m_Path, UDisks2Names::DriveInterface, name);
 }
 
 void tUDisks2Drive::Update()

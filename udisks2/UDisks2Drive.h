@@ -14,15 +14,15 @@ public:
     tUDisks2Drive(const QString& node, QObject* parent);
 
     void Update();
-    // The live value of a property of the Drive interface, read at each call.
+    // A property of the Drive interface as the service last reported it.
     QVariant Property(const QString& name) const;
+
+    // The registry passes the service's changes on.
+    void OnPropertiesChanged(const QString& interface, const QVariantMap& changed,
+                             const QStringList& invalidated);
 
 signals:
     void Changed(const QString& node);
-
-public slots:
-    void OnPropertiesChanged(const QString& interface, const QVariantMap& changed,
-                             const QStringList& invalidated);
 
 private:
     QString m_Path;

@@ -2,18 +2,28 @@
 
 #include "daemon/Logging.h"
 #include "storage/FileSystemInfo.h"
+#include "udisks2/UDisks2.h"
 #include "udisks2/UDisks2Bus.h"
 #include "udisks2/UDisks2Names.h"
-#include "udisks2/UDisks2Text.h"
 
-#include <QDBusArgument>
-#include <QDBusVariant>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
 #include <QVariantMap>
+
+namespace
+{
+QString PathOf(const QString& node)
+{
+    return UDisks2Names::BlockDevicesPrefix + node;
+}
+} // namespace
 
 tUDisks2FileSystem::tUDisks2FileSystem(const QString& node, tFileSystemInfo* info, QObject* parent)
     : tFileSystem(parent)
-    , m_Path(UDisks2Names::BlockDevicesPrefix + node)
-    , m_Valid(HasUDisks2Interface(m_Path, UDisks2Names::FilesystemInterface))
+    , m_Path(PathOf(node))
+    , m_Valid(tUDisks2::Objects().Has(m_Path, UDisks2Names::FilesystemInterface))
     , m_Name(node)
     , m_Info(info)
 {
@@ -34,29 +44,40 @@ bool tUDisks2FileSystem::IsValid() const
     return m_Valid;
 }
 
-QString tUDisks2FileSystem::Mount(const QString& options)
+void tUDisks2FileSystem::Mount(const QString& options)
 {
     QVariantMap arguments;
     if (!options.isEmpty())
         arguments.insert(UDisks2Names::MountOptionsKey, options);
-    const QDBusMessage reply = CallUDisks2(m_Path, UDisks2Names::FilesystemInterface,
-                                           UDisks2Names::MountMethod, { arguments });
-    if (reply.type() == QDBusMessage::ErrorMessage) {
+    const QDBusPendingCall call =
+        CallUDisks2(m_Path, UDisks2Names::FilesystemInterface, UDisks2Names::MountMethod, {arguments});
+    // A child: a volume that goes while its mount is pending takes the
+    // answer with it.
+    auto* watcher = new QDBusPendingCallWatcher(call, this);
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, &tUDisks2FileSystem::OnMountAnswered);
+}
+
+void tUDisks2FileSystem::OnMountAnswered(QDBusPendingCallWatcher* call)
+{
+    call->deleteLater();
+    const QDBusPendingReply<QString> reply = *call;
+    if (reply.isError()) {
         // Mounted before (by an earlier run, say): the volume is taken where
-        // it is rather than given up.
-        if (reply.errorName() != UDisks2Names::AlreadyMountedError)
-            return QString();
+        // the service last said it is rather than given up.
+        if (reply.error().name() != UDisks2Names::AlreadyMountedError) {
+            emit MountFinished(QString());
+            return;
+        }
         Update();
-        return m_MountPoints.value(0);
+        emit MountFinished(m_MountPoints.value(0));
+        return;
     }
-    if (reply.arguments().isEmpty())
-        return QString();
-    const QString mountPoint = reply.arguments().first().toString();
-    // The service's property change follows later; until then the path it
+    const QString mountPoint = reply.value();
+    // The service's property change may follow later; until then the path it
     // returned is the mount point, so the volume can be reported at once.
     if (!mountPoint.isEmpty() && !m_MountPoints.contains(mountPoint))
-        m_MountPoints = QStringList{ mountPoint };
-    return mountPoint;
+        m_MountPoints = QStringList{mountPoint};
+    emit MountFinished(mountPoint);
 }
 
 QStringList tUDisks2FileSystem::MountPoints() const
@@ -66,37 +87,32 @@ QStringList tUDisks2FileSystem::MountPoints() const
 
 void tUDisks2FileSystem::Unmount()
 {
-    CallUDisks2(m_Path, UDisks2Names::FilesystemInterface, UDisks2Names::UnmountMethod, { QVariantMap() });
+    const QDBusPendingCall call =
+        CallUDisks2(m_Path, UDisks2Names::FilesystemInterface, UDisks2Names::UnmountMethod, {QVariantMap()});
+    auto* watcher = new QDBusPendingCallWatcher(call, this);
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, &tUDisks2FileSystem::OnUnmountAnswered);
 }
 
-QStringList tUDisks2FileSystem::ReadMountPoints(bool* ok) const
+void tUDisks2FileSystem::OnUnmountAnswered(QDBusPendingCallWatcher* call)
 {
-    QStringList points;
-    *ok = false;
-    const QDBusMessage reply = CallUDisks2(m_Path, UDisks2Names::PropertiesInterface, UDisks2Names::GetMethod,
-                                           { UDisks2Names::FilesystemInterface, UDisks2Names::MountPointsProperty });
-    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
-        return points;
-    const QVariant value = reply.arguments().first().value<QDBusVariant>().variant();
-    if (value.userType() != qMetaTypeId<QDBusArgument>())
-        return points;
-    *ok = true;
-    const QDBusArgument argument = value.value<QDBusArgument>();
-    argument.beginArray();
-    while (!argument.atEnd()) {
-        QByteArray point;
-        argument >> point;
-        points.append(TextUpToNul(point));
-    }
-    argument.endArray();
-    return points;
+    call->deleteLater();
+    emit UnmountFinished();
+}
+
+void tUDisks2FileSystem::UnmountNode(const QString& node)
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(UDisks2Names::Service, PathOf(node),
+                                                       UDisks2Names::FilesystemInterface, UDisks2Names::UnmountMethod);
+    call.setArguments({QVariantMap()});
+    QDBusConnection::systemBus().send(call);
 }
 
 void tUDisks2FileSystem::Update()
 {
-    bool ok = false;
-    const QStringList points = ReadMountPoints(&ok);
-    if (ok && !points.isEmpty())
+    const QStringList points = tUDisks2::Objects()
+                                   .Property(m_Path, UDisks2Names::FilesystemInterface, UDisks2Names::MountPointsProperty)
+                                   .toStringList();
+    if (!points.isEmpty())
         m_MountPoints = points;
     qCDebug(lcUDisks2) << "tUDisks2FileSystem::Update(): mountpoints:" << m_MountPoints;
 }

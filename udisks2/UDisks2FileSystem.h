@@ -2,29 +2,39 @@
 
 #include "storage/FileSystem.h"
 
+class QDBusPendingCallWatcher;
+
 // The filesystem of one UDisks2 block: mounts and unmounts it through the
-// service and keeps its last known mount points.
+// service without waiting, and keeps its last known mount points.
 class tUDisks2FileSystem : public tFileSystem
 {
     Q_OBJECT
 public:
-    // Takes ownership of info.
+    // Takes ownership of info. Valid when the block carries a filesystem.
     tUDisks2FileSystem(const QString& node, tFileSystemInfo* info, QObject* parent = nullptr);
     ~tUDisks2FileSystem() override;
 
     tFileSystemInfo* Info() const override;
     bool IsValid() const override;
-    QString Mount(const QString& options) override;
+    // A call still unanswered when the object goes is forgotten: nothing of
+    // its answer is reported.
+    void Mount(const QString& options) override;
     QStringList MountPoints() const override;
     void Unmount() override;
 
-    // Re-reads "MountPoints"; an empty or failed reply keeps the last known
-    // list, because ejection is judged against the points a volume had.
+    // Asks the service to unmount the node's filesystem, wanting no answer:
+    // for a volume whose object may be gone by the time it is sent.
+    static void UnmountNode(const QString& node);
+
+    // Takes "MountPoints" from the service's last report; an empty list keeps
+    // the last known one, because ejection is judged against the points a
+    // volume had.
     void Update();
-    // The service's list as it is now; ok is false when it could not be read.
-    QStringList ReadMountPoints(bool* ok) const;
 
 private:
+    void OnMountAnswered(QDBusPendingCallWatcher* call);
+    void OnUnmountAnswered(QDBusPendingCallWatcher* call);
+
     QString m_Path;
     bool m_Valid;
     QStringList m_MountPoints;

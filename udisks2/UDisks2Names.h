@@ -17,7 +17,6 @@ inline const QString DrivesPrefix = QStringLiteral("/org/freedesktop/UDisks2/dri
 
 inline const QString ObjectManagerInterface = QStringLiteral("org.freedesktop.DBus.ObjectManager");
 inline const QString PropertiesInterface = QStringLiteral("org.freedesktop.DBus.Properties");
-inline const QString IntrospectableInterface = QStringLiteral("org.freedesktop.DBus.Introspectable");
 inline const QString BlockInterface = QStringLiteral("org.freedesktop.UDisks2.Block");
 inline const QString DriveInterface = QStringLiteral("org.freedesktop.UDisks2.Drive");
 inline const QString FilesystemInterface = QStringLiteral("org.freedesktop.UDisks2.Filesystem");
@@ -25,7 +24,7 @@ inline const QString FilesystemInterface = QStringLiteral("org.freedesktop.UDisk
 inline const QString InterfacesAddedSignal = QStringLiteral("InterfacesAdded");
 inline const QString InterfacesRemovedSignal = QStringLiteral("InterfacesRemoved");
 inline const QString PropertiesChangedSignal = QStringLiteral("PropertiesChanged");
-inline const QString IntrospectMethod = QStringLiteral("Introspect");
+inline const QString GetManagedObjectsMethod = QStringLiteral("GetManagedObjects");
 inline const QString GetMethod = QStringLiteral("Get");
 inline const QString MountMethod = QStringLiteral("Mount");
 inline const QString UnmountMethod = QStringLiteral("Unmount");

@@ -28,6 +28,21 @@ QString MountOptions(const QString& path)
     return QString();
 }
 
+bool Enumerated(tUDisks2& registry)
+{
+    QSignalSpy finished(&registry, &tUDisks2::EnumerationFinished);
+    registry.Enumerate();
+    return finished.wait(10000);
+}
+
+// Mounts and waits for the service's answer: the path, or "no answer".
+QString MountAndWait(tFileSystem& fileSystem, const QString& options)
+{
+    QSignalSpy finished(&fileSystem, &tFileSystem::MountFinished);
+    fileSystem.Mount(options);
+    return finished.wait(10000) ? finished.first().first().toString() : QStringLiteral("no answer");
+}
+
 } // namespace
 
 class tst_UDisks2RealService : public QObject
@@ -67,7 +82,7 @@ void tst_UDisks2RealService::enumerationFindsTheLoopFilesystem()
 {
     tUDisks2 registry;
     QSignalSpy added(&registry, &tUDisks2::FileSystemAdded);
-    registry.Enumerate();
+    QVERIFY(Enumerated(registry));
 
     QVERIFY2(tUDisks2::BlockDevices().contains(m_Node), qPrintable(tUDisks2::BlockDevices().join(' ')));
     tUDisks2Block* block = tUDisks2::Block(m_Node);
@@ -84,16 +99,18 @@ void tst_UDisks2RealService::enumerationFindsTheLoopFilesystem()
 
 void tst_UDisks2RealService::mountUnmountBehindTheBackAndUnmount()
 {
-    // The block proxy with a filesystem proxy handed to it, as the registry
-    // would for a volume on a drive.
-    QObject owner;
-    auto* block = new tUDisks2Block(m_Node, &owner);
+    // The registry's block proxy with a filesystem proxy handed to it, as the
+    // registry would for a volume on a drive.
+    tUDisks2 registry;
+    QVERIFY(Enumerated(registry));
+    tUDisks2Block* block = tUDisks2::Block(m_Node);
+    QVERIFY(block);
     auto* fileSystem = new tUDisks2FileSystem(m_Node, nullptr);
     block->SetFileSystem(fileSystem);
     QVERIFY(fileSystem->IsValid());
     QSignalSpy ejected(block, &tUDisks2Block::Ejected);
 
-    const QString path = fileSystem->Mount(QStringLiteral("ro"));
+    const QString path = MountAndWait(*fileSystem, QStringLiteral("ro"));
     QVERIFY(!path.isEmpty());
     m_Mounted << path;
     QVERIFY(MountOptions(path).split(',').contains(QStringLiteral("ro")));
@@ -121,7 +138,7 @@ void tst_UDisks2RealService::mountUnmountBehindTheBackAndUnmount()
     // mounting before that races its clean-up of the same name.
     QTRY_VERIFY_WITH_TIMEOUT(!QFileInfo::exists(path), 10000);
 
-    const QString again = fileSystem->Mount(QString());
+    const QString again = MountAndWait(*fileSystem, QString());
     QVERIFY(!again.isEmpty());
     m_Mounted << again;
     QTRY_COMPARE_WITH_TIMEOUT(fileSystem->MountPoints(), QStringList{ again }, 10000);
@@ -137,7 +154,7 @@ void tst_UDisks2RealService::driveOnAnotherBusGetsNoFilesystem()
     // registry never gets that far with it (a system device), so ask its
     // block directly.
     tUDisks2 registry;
-    registry.Enumerate();
+    QVERIFY(Enumerated(registry));
     const QString disk = QFileInfo(qEnvironmentVariable("REAL_UDISKS_LOOP")).fileName();
     tUDisks2Block block(disk, &registry);
     QVERIFY(tUDisks2::Drive(&block));
