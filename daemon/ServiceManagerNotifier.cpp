@@ -35,6 +35,9 @@ tServiceManagerNotifier::tServiceManagerNotifier(QObject* parent)
 
 void tServiceManagerNotifier::Ready()
 {
+    if (m_Ready)
+        return;
+    m_Ready = true;
     Notify("READY=1");
 }
 

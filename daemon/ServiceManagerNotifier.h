@@ -15,7 +15,7 @@ public:
     // says STOPPING=1 as soon as the event loop has been told to end.
     explicit tServiceManagerNotifier(QObject* parent = nullptr);
 
-    // READY=1: the caller has finished starting up.
+    // READY=1: the caller has finished starting up. Said once.
     void Ready();
 
 private:
@@ -23,4 +23,5 @@ private:
 
     QTimer* m_Watchdog = nullptr;
     bool m_FailureLogged = false;
+    bool m_Ready = false;
 };
