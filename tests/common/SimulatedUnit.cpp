@@ -92,9 +92,20 @@ bool tSimulatedUnit::FailNextMount(const QString& message)
     return Succeeded(Control(QStringLiteral("FailNextMount"), {message}), nullptr);
 }
 
+bool tSimulatedUnit::Hold(const QString& method, int milliseconds, QString* error)
+{
+    return Succeeded(Control(QStringLiteral("Hold"), {method, milliseconds}), error);
+}
+
 QStringList tSimulatedUnit::Calls()
 {
     const QDBusMessage reply = Control(QStringLiteral("Calls"), {});
+    return reply.type() == QDBusMessage::ReplyMessage ? reply.arguments().value(0).toStringList() : QStringList();
+}
+
+QStringList tSimulatedUnit::Timeline()
+{
+    const QDBusMessage reply = Control(QStringLiteral("Timeline"), {});
     return reply.type() == QDBusMessage::ReplyMessage ? reply.arguments().value(0).toStringList() : QStringList();
 }
 

@@ -31,8 +31,13 @@ public:
     bool Remove(const QString& slot, QString* error = nullptr);
     bool Unmount(const QString& node, QString* error = nullptr);
     bool FailNextMount(const QString& message = QString());
+    // Mount or Unmount calls are answered only that much later, as by a slow
+    // card (0: at once again); each is recorded as "Mount-held NODE..." on arrival.
+    bool Hold(const QString& method, int milliseconds, QString* error = nullptr);
     // The simulator's record: "Mount NODE PATH OPTIONS...", "Unmount NODE", ...
     QStringList Calls();
+    // The same record, each line after its CLOCK_MONOTONIC milliseconds.
+    QStringList Timeline();
 
 private:
     QDBusMessage Control(const QString& method, const QVariantList& args);

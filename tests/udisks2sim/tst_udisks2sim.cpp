@@ -10,7 +10,9 @@
 #include <QDBusMetaType>
 #include <QDBusObjectPath>
 #include <QDBusVariant>
+#include <QDBusPendingCall>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QtTest>
 
@@ -438,6 +440,70 @@ private slots:
         QVERIFY(!m_Unit->Remove(QStringLiteral("reader"), &error));
         QVERIFY(!m_Unit->Remove(QStringLiteral("no-such-slot"), &error));
         QCOMPARE(log.lines.size(), 1);
+    }
+
+    // A slow card: the held Mount is seen to arrive at once, but answered,
+    // with its directory and signal, only after the delay; pulled meanwhile,
+    // it fails the way the service fails and leaves no directory behind.
+    void heldMountIsAnsweredLateOrFailsWhenPulled()
+    {
+        QVERIFY(m_Unit->Insert(QStringLiteral("left"), QStringLiteral("charts")));
+        QVERIFY(m_Unit->Insert(QStringLiteral("usb"), QStringLiteral("stick")));
+        QString error;
+        QVERIFY(!m_Unit->Hold(QStringLiteral("Eject"), 100, &error));
+        QVERIFY(m_Unit->Hold(QStringLiteral("Mount"), 1000));
+        tSignalLog log(Bus());
+        const QString charts = m_Unit->MountBase() + QStringLiteral("/CHARTS");
+        auto mountLater = [this](const char* node) {
+            QDBusMessage call = QDBusMessage::createMethodCall(Service, Blocks + QLatin1String(node), FilesystemInterface,
+                                                               QStringLiteral("Mount"));
+            call << QVariantMap();
+            return Bus().asyncCall(call);
+        };
+
+        QElapsedTimer clock;
+        clock.start();
+        QDBusPendingCall held = mountLater("mmcblk0p1");
+        QTRY_VERIFY(m_Unit->Calls().contains(QStringLiteral("Mount-held mmcblk0p1")));
+        QTest::qWait(200);
+        QVERIFY(!held.isFinished());
+        QVERIFY(!QFileInfo::exists(charts));
+        QVERIFY(log.lines.isEmpty());
+        held.waitForFinished();
+        QVERIFY2(clock.elapsed() >= 1000, qPrintable(QString::number(clock.elapsed())));
+        QCOMPARE(held.reply().arguments().value(0).toString(), charts);
+        QVERIFY(QFileInfo(charts).isDir());
+        QTRY_COMPARE(log.lines, QStringList{QStringLiteral("changed mmcblk0p1 Filesystem MountPoints")});
+        // The timeline puts the answer a second after the arrival.
+        const QStringList timeline = m_Unit->Timeline().filter(QStringLiteral(" mmcblk0p1"));
+        QCOMPARE(timeline.size(), 2);
+        const double arrived = timeline.at(0).section(QLatin1Char(' '), 0, 0).toDouble();
+        const double answered = timeline.at(1).section(QLatin1Char(' '), 0, 0).toDouble();
+        QCOMPARE(timeline.at(1).section(QLatin1Char(' '), 1), QStringLiteral("Mount mmcblk0p1 ") + charts);
+        QVERIFY2(answered - arrived >= 1000 && answered - arrived < 1500, qPrintable(timeline.join('\n')));
+
+        QDBusPendingCall pulled = mountLater("sda1");
+        QTRY_VERIFY(m_Unit->Calls().contains(QStringLiteral("Mount-held sda1")));
+        QVERIFY(m_Unit->Remove(QStringLiteral("usb")));
+        pulled.waitForFinished();
+        QCOMPARE(pulled.error().name(), QStringLiteral("org.freedesktop.UDisks2.Error.Failed"));
+        QVERIFY2(pulled.error().message().startsWith(QStringLiteral("Error mounting /dev/sda1 at ")), qPrintable(pulled.error().message()));
+        QVERIFY(!QFileInfo::exists(m_Unit->MountBase() + QStringLiteral("/STICK")));
+        QCOMPARE(m_Unit->Calls().constLast(), QStringLiteral("Mount-vanished sda1"));
+
+        // Put back in time, it is another object: the old call still fails.
+        QVERIFY(m_Unit->Insert(QStringLiteral("usb"), QStringLiteral("stick")));
+        QDBusPendingCall returned = mountLater("sda1");
+        QTRY_VERIFY(m_Unit->Calls().constLast() == QStringLiteral("Mount-held sda1"));
+        QVERIFY(m_Unit->Remove(QStringLiteral("usb")));
+        QVERIFY(m_Unit->Insert(QStringLiteral("usb"), QStringLiteral("stick")));
+        returned.waitForFinished();
+        QCOMPARE(returned.error().name(), QStringLiteral("org.freedesktop.UDisks2.Error.Failed"));
+
+        QVERIFY(m_Unit->Hold(QStringLiteral("Mount"), 0));
+        clock.restart();
+        QCOMPARE(Mount(QStringLiteral("sda1")).type(), QDBusMessage::ReplyMessage);
+        QVERIFY(clock.elapsed() < 500);
     }
 };
 

@@ -7,6 +7,7 @@
 #include <QDBusMessage>
 #include <QFile>
 #include <QSet>
+#include <QTimer>
 
 tSimBus::tSimBus(tSimDevices* devices, const QDBusConnection& connection, QObject* parent)
     : QDBusVirtualObject(parent)
@@ -58,8 +59,29 @@ QString tSimBus::introspect(const QString& path) const
     return xml;
 }
 
+bool tSimBus::SetHold(const QString& method, int milliseconds, QString* error)
+{
+    if (method != QLatin1String("Mount") && method != QLatin1String("Unmount")) {
+        *error = QStringLiteral("only Mount and Unmount can be held, not \"%1\"").arg(method);
+        return false;
+    }
+    if (milliseconds < 0) {
+        *error = QStringLiteral("cannot hold for %1 ms").arg(milliseconds);
+        return false;
+    }
+    if (milliseconds == 0)
+        m_Holds.remove(method);
+    else
+        m_Holds.insert(method, milliseconds);
+    return true;
+}
+
 bool tSimBus::handleMessage(const QDBusMessage& message, const QDBusConnection& connection)
 {
+    if (const int hold = HoldFor(message)) {
+        AnswerLater(message, hold);
+        return true;
+    }
     const QDBusMessage reply = Dispatch(message);
     if (message.isReplyRequired())
         QDBusConnection(connection).send(reply);
@@ -169,6 +191,36 @@ QDBusMessage tSimBus::Filesystem(const QDBusMessage& message) const
         return message.createReply();
     }
     return message.createErrorReply(error.name, error.message);
+}
+
+int tSimBus::HoldFor(const QDBusMessage& message) const
+{
+    const auto hold = m_Holds.constFind(message.member());
+    if (hold == m_Holds.constEnd())
+        return 0;
+    // Only calls that reach the service's handler wait; a malformed one is
+    // refused by the bus library at once.
+    const tInterfaceMap* object = m_Devices->Object(message.path());
+    const bool handled = object && object->contains(SimNames::FilesystemInterface)
+                         && (message.interface() == SimNames::FilesystemInterface || message.interface().isEmpty())
+                         && message.signature() == QLatin1String("a{sv}");
+    return handled ? *hold : 0;
+}
+
+void tSimBus::AnswerLater(const QDBusMessage& message, int milliseconds)
+{
+    const tSimDevices::tHeldCall call =
+        m_Devices->Hold(message.path(), message.member(), qdbus_cast<QVariantMap>(message.arguments().constFirst()));
+    // A precise timer: a coarse one may fire up to 5 % early.
+    QTimer::singleShot(milliseconds, Qt::PreciseTimer, this, [this, message, call] {
+        QString mountPath;
+        tSimDevices::tError error;
+        const QDBusMessage reply = m_Devices->Answer(call, &mountPath, &error)
+                                       ? (call.method == QLatin1String("Mount") ? message.createReply(mountPath) : message.createReply())
+                                       : message.createErrorReply(error.name, error.message);
+        if (message.isReplyRequired())
+            m_Connection.send(reply);
+    });
 }
 
 void tSimBus::OnInterfacesAdded(const QString& path, const tInterfaceMap& interfaces)

@@ -22,6 +22,11 @@ public:
     // again, as a restarted one does: the objects, and what is mounted, stay.
     bool SetAway(bool away, QString* error);
 
+    // The next calls of method ("Mount" or "Unmount") are answered only after
+    // milliseconds, their effects coming with the answer, as from a slow
+    // card; 0 answers at once again.
+    bool SetHold(const QString& method, int milliseconds, QString* error);
+
     QString introspect(const QString& path) const override;
     bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override;
 
@@ -35,10 +40,14 @@ private:
     QDBusMessage Dispatch(const QDBusMessage& message) const;
     QDBusMessage Properties(const QDBusMessage& message, const tInterfaceMap& interfaces) const;
     QDBusMessage Filesystem(const QDBusMessage& message) const;
+    // How long the answer to message is held; 0 if it is answered at once.
+    int HoldFor(const QDBusMessage& message) const;
+    void AnswerLater(const QDBusMessage& message, int milliseconds);
     QStringList Children(const QString& path) const;
     QStringList InterfacesOf(const QString& path) const;
 
     tSimDevices* m_Devices;
     QDBusConnection m_Connection;
     bool m_Away = false;
+    QMap<QString, int> m_Holds;   // method name to milliseconds
 };

@@ -37,6 +37,13 @@ void tSimControl::FailNextMount(const QString& message)
     m_Devices->FailNextMount(message);
 }
 
+void tSimControl::Hold(const QString& method, int milliseconds)
+{
+    QString error;
+    if (!m_Bus->SetHold(method, milliseconds, &error))
+        Fail(error);
+}
+
 void tSimControl::Away()
 {
     QString error;
@@ -54,6 +61,11 @@ void tSimControl::Back()
 QStringList tSimControl::Calls() const
 {
     return m_Devices->Calls();
+}
+
+QStringList tSimControl::Timeline() const
+{
+    return m_Devices->Timeline();
 }
 
 QStringList tSimControl::Inserted() const

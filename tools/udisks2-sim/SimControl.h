@@ -21,11 +21,15 @@ public slots:
     void Remove(const QString& slot);
     void Unmount(const QString& node);
     void FailNextMount(const QString& message);
+    // Mount or Unmount answered only after milliseconds (0: at once again).
+    void Hold(const QString& method, int milliseconds);
     // The service stops (gives its name up) and starts again; media can be
     // inserted and pulled meanwhile.
     void Away();
     void Back();
     QStringList Calls() const;
+    // Calls() with the moment of each line: "MILLISECONDS LINE", CLOCK_MONOTONIC.
+    QStringList Timeline() const;
     QStringList Inserted() const;
 
 private:

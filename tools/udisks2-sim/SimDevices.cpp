@@ -8,6 +8,8 @@
 #include <QRegularExpression>
 #include <QTimer>
 
+#include <ctime>
+
 namespace
 {
 const QString Version = QStringLiteral("2.9.4");
@@ -48,6 +50,15 @@ QString IdStem(const QString& vendor, const QString& model, const QString& seria
 quint64 Microseconds()
 {
     return quint64(QDateTime::currentMSecsSinceEpoch()) * 1000;
+}
+
+// The clock of the timeline: the same in every process, so that a client can
+// set its own moments beside the simulator's.
+qint64 MonotonicNs()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return qint64(now.tv_sec) * 1000000000 + now.tv_nsec;
 }
 
 // What blkid reports of a filesystem, as udisksd puts it on its block.
@@ -170,7 +181,7 @@ bool tSimDevices::Insert(const QString& slotName, const QString& mediumName, QSt
         return false;
     }
     m_Inserted.insert(slotName, mediumName);
-    m_Calls << QStringLiteral("Insert %1 %2").arg(slotName, mediumName);
+    Record(QStringLiteral("Insert %1 %2").arg(slotName, mediumName));
     const QString disk = BlockPath(slot->device);
     if (slot->hasReader) {
         // The reader's drive and block exist already: the card shows as changed
@@ -213,7 +224,7 @@ bool tSimDevices::Remove(const QString& slotName, QString* error)
         return false;
     }
     const tUnitMedium* medium = m_Unit.Medium(m_Inserted.take(slotName));
-    m_Calls << QStringLiteral("Remove %1").arg(slotName);
+    Record(QStringLiteral("Remove %1").arg(slotName));
     const QString disk = BlockPath(slot->device);
     QStringList partitions;
     for (int i = 0; i < medium->partitions.size(); ++i)
@@ -283,7 +294,7 @@ void tSimDevices::CleanUp(const QStringList& directories)
                                    {QStringLiteral("Cancelable"), true}}}});
     for (const QString& directory : directories) {
         QDir().rmdir(directory);
-        m_Calls << QStringLiteral("Cleanup %1").arg(directory);
+        Record(QStringLiteral("Cleanup %1").arg(directory));
     }
     Q_EMIT JobCompleted(job, true, QString());
     Q_EMIT InterfacesRemoved(job, {SimNames::JobInterface});
@@ -298,7 +309,7 @@ bool tSimDevices::UnmountBehind(const QString& node, QString* error)
     }
     ForgetMounts(path);
     SetProperties(path, SimNames::FilesystemInterface, {{QStringLiteral("MountPoints"), QVariant::fromValue(QByteArrayList())}});
-    m_Calls << QStringLiteral("Unmount-behind %1").arg(node);
+    Record(QStringLiteral("Unmount-behind %1").arg(node));
     return true;
 }
 
@@ -310,6 +321,8 @@ void tSimDevices::FailNextMount(const QString& message)
 
 bool tSimDevices::Mount(const QString& path, const QVariantMap& options, QString* mountPath, tError* error)
 {
+    // The timeline shows when the call came, not when its directory was made.
+    const qint64 arrived = MonotonicNs();
     const QString node = Node(path);
     const QVariantMap block = m_Objects.value(path).value(SimNames::BlockInterface);
     const QString device = QString::fromUtf8(block.value(QStringLiteral("Device")).toByteArray().constData());
@@ -317,13 +330,13 @@ bool tSimDevices::Mount(const QString& path, const QVariantMap& options, QString
     if (m_FailNextMount) {
         m_FailNextMount = false;
         *error = {SimNames::ErrorFailed, m_FailMessage};
-        m_Calls << QStringLiteral("Mount-failed %1 %2").arg(node, FormatOptions(options)).trimmed();
+        Record(QStringLiteral("Mount-failed %1 %2").arg(node, FormatOptions(options)).trimmed());
         return false;
     }
     if (!mounted.isEmpty()) {
         *error = {SimNames::ErrorAlreadyMounted,
                   QStringLiteral("Device %1 is already mounted at `%2'.\n").arg(device, mounted.first())};
-        m_Calls << QStringLiteral("Mount-refused %1 %2").arg(node, FormatOptions(options)).trimmed();
+        Record(QStringLiteral("Mount-refused %1 %2").arg(node, FormatOptions(options)).trimmed());
         return false;
     }
     const QString directory = MountDirectory(block);
@@ -331,7 +344,7 @@ bool tSimDevices::Mount(const QString& path, const QVariantMap& options, QString
         *error = {SimNames::ErrorFailed, QStringLiteral("Error creating mount point `%1'").arg(directory)};
         return false;
     }
-    m_Calls << QStringLiteral("Mount %1 %2 %3").arg(node, directory, FormatOptions(options)).trimmed();
+    Record(QStringLiteral("Mount %1 %2 %3").arg(node, directory, FormatOptions(options)).trimmed(), arrived);
     SetProperties(path, SimNames::FilesystemInterface,
                   {{QStringLiteral("MountPoints"), QVariant::fromValue(QByteArrayList{NulTerminated(directory)})}});
     *mountPath = directory;
@@ -344,17 +357,59 @@ bool tSimDevices::Unmount(const QString& path, const QVariantMap& options, tErro
     if (MountPoints(path).isEmpty()) {
         const QByteArray device = m_Objects.value(path).value(SimNames::BlockInterface).value(QStringLiteral("Device")).toByteArray();
         *error = {SimNames::ErrorNotMounted, QStringLiteral("Device `%1' is not mounted").arg(QString::fromUtf8(device.constData()))};
-        m_Calls << QStringLiteral("Unmount-refused %1").arg(node);
+        Record(QStringLiteral("Unmount-refused %1").arg(node));
         return false;
     }
     ForgetMounts(path);
-    m_Calls << QStringLiteral("Unmount %1 %2").arg(node, FormatOptions(options)).trimmed();
+    Record(QStringLiteral("Unmount %1 %2").arg(node, FormatOptions(options)).trimmed());
     SetProperties(path, SimNames::FilesystemInterface, {{QStringLiteral("MountPoints"), QVariant::fromValue(QByteArrayList())}});
     return true;
 }
 
+tSimDevices::tHeldCall tSimDevices::Hold(const QString& path, const QString& method, const QVariantMap& options)
+{
+    const QVariantMap block = m_Objects.value(path).value(SimNames::BlockInterface);
+    tHeldCall call{path, method, options, m_Incarnations.value(path),
+                   QString::fromUtf8(block.value(QStringLiteral("Device")).toByteArray().constData()), MountDirectory(block)};
+    Record(QStringLiteral("%1-held %2 %3").arg(method, Node(path), FormatOptions(options)).trimmed());
+    return call;
+}
+
+bool tSimDevices::Answer(const tHeldCall& call, QString* mountPath, tError* error)
+{
+    const auto current = m_Incarnations.constFind(call.path);
+    if (current != m_Incarnations.constEnd() && *current == call.incarnation)
+        return call.method == QLatin1String("Mount") ? Mount(call.path, call.options, mountPath, error)
+                                                     : Unmount(call.path, call.options, error);
+    // The medium went while the service worked on the call. udisksd reports
+    // its handler's failure, here that of mount(2) on a device node that is
+    // gone (libmount's words), after removing the directory it had made.
+    const QString reason = QStringLiteral("special device %1 does not exist").arg(call.device);
+    *error = {SimNames::ErrorFailed, call.method == QLatin1String("Mount")
+                                         ? QStringLiteral("Error mounting %1 at %2: %3").arg(call.device, call.directory, reason)
+                                         : QStringLiteral("Error unmounting %1: %2").arg(call.device, reason)};
+    Record(QStringLiteral("%1-vanished %2").arg(call.method, Node(call.path)));
+    return false;
+}
+
+QStringList tSimDevices::Timeline() const
+{
+    QStringList lines;
+    for (int i = 0; i < m_Calls.size(); ++i)
+        lines << QString::number(double(m_CallTimes.at(i)) / 1e6, 'f', 3) + QLatin1Char(' ') + m_Calls.at(i);
+    return lines;
+}
+
+void tSimDevices::Record(const QString& line, qint64 at)
+{
+    m_Calls << line;
+    m_CallTimes << (at ? at : MonotonicNs());
+}
+
 void tSimDevices::AddInterfaces(const QString& path, const tInterfaceMap& interfaces)
 {
+    if (interfaces.contains(SimNames::FilesystemInterface))
+        m_Incarnations.insert(path, ++m_NextIncarnation);
     tInterfaceMap& object = m_Objects[path];
     for (auto it = interfaces.constBegin(); it != interfaces.constEnd(); ++it)
         object.insert(it.key(), it.value());
@@ -372,6 +427,8 @@ void tSimDevices::RemoveObject(const QString& path)
 
 void tSimDevices::RemoveInterfaces(const QString& path, const QStringList& interfaces)
 {
+    if (interfaces.contains(SimNames::FilesystemInterface))
+        m_Incarnations.remove(path);
     tInterfaceMap& object = m_Objects[path];
     for (const QString& interface : interfaces)
         object.remove(interface);

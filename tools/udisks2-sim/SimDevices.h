@@ -38,12 +38,30 @@ public:
     void FailNextMount(const QString& message);
     // What happened, one line each: "Mount NODE PATH KEY=VALUE...", "Unmount NODE", ...
     QStringList Calls() const { return m_Calls; }
+    // The same lines, each after the moment it happened: CLOCK_MONOTONIC in
+    // milliseconds (three decimals), comparable across processes.
+    QStringList Timeline() const;
     // "SLOT MEDIUM" for each filled slot.
     QStringList Inserted() const;
 
     // The Filesystem methods, for an object that has that interface.
     bool Mount(const QString& path, const QVariantMap& options, QString* mountPath, tError* error);
     bool Unmount(const QString& path, const QVariantMap& options, tError* error);
+
+    // A Filesystem call whose answer the service gives later, as a slow one
+    // does: recorded on arrival ("Mount-held NODE OPTIONS..."); Answer() then
+    // does what the call asks, unless the object went meanwhile.
+    struct tHeldCall
+    {
+        QString path;
+        QString method;
+        QVariantMap options;
+        quint64 incarnation = 0;
+        QString device;
+        QString directory;   // where a Mount would have gone at arrival
+    };
+    tHeldCall Hold(const QString& path, const QString& method, const QVariantMap& options);
+    bool Answer(const tHeldCall& call, QString* mountPath, tError* error);
 
 signals:
     void InterfacesAdded(const QString& path, const tInterfaceMap& interfaces);
@@ -66,6 +84,8 @@ private:
     QStringList MountPoints(const QString& path) const;
     void ForgetMounts(const QString& path);
     void CleanUp(const QStringList& directories);
+    // at: when it happened (CLOCK_MONOTONIC ns), if not now.
+    void Record(const QString& line, qint64 at = 0);
 
     tUnitDescription m_Unit;
     QString m_MountBase;
@@ -76,5 +96,10 @@ private:
     bool m_FailNextMount = false;
     QString m_FailMessage;
     QStringList m_Calls;
+    QList<qint64> m_CallTimes;   // CLOCK_MONOTONIC in ns, one per line of m_Calls
+    // Each Filesystem interface gets a new number when it appears, so that a
+    // held call can tell its object from one that went and came back.
+    QMap<QString, quint64> m_Incarnations;
+    quint64 m_NextIncarnation = 0;
     int m_NextJob = 0;
 };

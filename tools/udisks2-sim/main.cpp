@@ -21,9 +21,11 @@ const char* const ControlUsage =
     "  remove SLOT               pull the medium out of a slot\n"
     "  unmount NODE              unmount a block (e.g. mmcblk0p1) behind the clients' backs\n"
     "  fail-next-mount [MESSAGE] make the next Mount call fail\n"
+    "  hold METHOD MILLISECONDS  answer Mount or Unmount calls that much later (0: at once)\n"
     "  away                      stop serving: give the service name up, keeping every object\n"
     "  back                      serve again, as a restarted service would\n"
     "  calls                     print the record of what happened\n"
+    "  timeline                  the same, each line after its CLOCK_MONOTONIC milliseconds\n"
     "  inserted                  print the filled slots\n";
 
 // The control front end: one call to a running simulator on the system bus.
@@ -35,9 +37,11 @@ int Control(const QStringList& args)
         {QStringLiteral("remove"), {QStringLiteral("Remove"), 1}},
         {QStringLiteral("unmount"), {QStringLiteral("Unmount"), 1}},
         {QStringLiteral("fail-next-mount"), {QStringLiteral("FailNextMount"), 1}},
+        {QStringLiteral("hold"), {QStringLiteral("Hold"), 2}},
         {QStringLiteral("away"), {QStringLiteral("Away"), 0}},
         {QStringLiteral("back"), {QStringLiteral("Back"), 0}},
         {QStringLiteral("calls"), {QStringLiteral("Calls"), 0}},
+        {QStringLiteral("timeline"), {QStringLiteral("Timeline"), 0}},
         {QStringLiteral("inserted"), {QStringLiteral("Inserted"), 0}},
     };
     const auto command = commands.constFind(args.value(0));
@@ -51,8 +55,18 @@ int Control(const QStringList& args)
         callArgs << QString();
     QDBusMessage call = QDBusMessage::createMethodCall(SimNames::ControlService, SimNames::ControlPath,
                                                        SimNames::ControlInterface, command->first);
-    for (const QString& arg : callArgs)
-        call << arg;
+    if (command->first == QLatin1String("Hold")) {
+        bool isNumber = false;
+        const int milliseconds = callArgs.at(1).toInt(&isNumber);
+        if (!isNumber) {
+            err << ControlUsage;
+            return 2;
+        }
+        call << callArgs.at(0) << milliseconds;
+    } else {
+        for (const QString& arg : callArgs)
+            call << arg;
+    }
     const QDBusMessage reply = QDBusConnection::systemBus().call(call);
     if (reply.type() == QDBusMessage::ErrorMessage) {
         err << "udisks2-sim ctl: " << reply.errorMessage() << "\n";
