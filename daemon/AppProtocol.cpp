@@ -177,7 +177,7 @@ void tLarkDaemon::ProcessMessage(const QByteArray& message)
             break;
         }
         // An application may repeat itself; stopping costs the peer its
-        // mounts and may block for seconds.
+        // mounts and holds the next exports back for seconds.
         if (request.namesInterface && m_SharingActive && request.interfaceName == m_SharingInterface)
             break;
         // Sharing starts again once the named interface is up, running and addressed.

@@ -1,41 +1,44 @@
 #include "sharing/ServicePublisher.h"
 
 #include "daemon/Logging.h"
+#include "sharing/CommandQueue.h"
 #include "sharing/ShareDatagram.h"
 
 #include <QDateTime>
 #include <QFileInfo>
 #include <QNetworkInterface>
-#include <QProcess>
-#include <QThread>
 #include <QTimer>
 #include <QUdpSocket>
 
 namespace
 {
-constexpr int cCommandTimeoutMs = 30000;
 constexpr int cExportFlushDelayMs = 2000;
 constexpr int cRmtabPolls = 5;
-constexpr unsigned long cRmtabPollMs = 1000;
-constexpr unsigned long cRmtabSettleMs = 2000;
+constexpr int cRmtabPollMs = 1000;
+constexpr int cRmtabSettleMs = 2000;
 const QString cExportfs = QStringLiteral("exportfs");
 const QString cExportOptionsSuffix = QStringLiteral(",no_root_squash,no_subtree_check");
 const QString cAnyClient = QStringLiteral("*");
 const QString cReadOnly = QStringLiteral("ro");
 const QString cReadWrite = QStringLiteral("rw");
 
-enum class tCommandResult { Finished, Failed };
-
-// Success is judged by how the program ended, not by its exit code: exportfs
-// reports harmless conditions with non-zero codes.
-tCommandResult RunExportfs(const QStringList& arguments)
+// The pauses of the wait for the peer to let go of its mounts, which show up
+// as changes of rmtab: a second at a time, at most five, and two more once
+// the file has changed.
+std::function<int()> RmtabPauses(const QString& rmtab, const QDateTime& before)
 {
-    QProcess process;
-    process.start(cExportfs, arguments);
-    process.waitForFinished(cCommandTimeoutMs);
-    if (process.error() == QProcess::FailedToStart || process.exitStatus() == QProcess::CrashExit)
-        return tCommandResult::Failed;
-    return tCommandResult::Finished;
+    return [rmtab, before, polls = 0, settling = false]() mutable {
+        if (settling)
+            return -1;
+        if (polls > 0 && QFileInfo(rmtab).lastModified() != before) {
+            settling = true;
+            return cRmtabSettleMs;
+        }
+        if (polls == cRmtabPolls)
+            return -1;
+        ++polls;
+        return cRmtabPollMs;
+    };
 }
 } // namespace
 
@@ -43,8 +46,10 @@ tServicePublisher::tServicePublisher(const QString& codeName, QObject* parent)
     : QObject(parent)
     , m_CodeName(codeName)
     , m_RmtabPath(QStringLiteral("/var/lib/nfs/rmtab"))
+    , m_Commands(new tCommandQueue(this))
 {
     RegisterNfsDataMetaType();
+    connect(m_Commands, &tCommandQueue::Idle, this, &tServicePublisher::CommandsDone);
 }
 
 void tServicePublisher::Start(const QString& interfaceName, const QHostAddress& localAddress)
@@ -174,27 +179,18 @@ void tServicePublisher::Stop()
     WithdrawAll();
     if (m_RepublishTimer)
         m_RepublishTimer->stop();
+    // Whatever is asked for next (unmounting a local volume above all) waits
+    // until the peer has dropped its NFS mounts.
     if (withdrew)
-        WaitForPeerToReleaseExports(before);
-}
-
-// Blocks on purpose: local volumes must not be unmounted while the peer still
-// holds NFS mounts of them. The peer's unmounts show up as rmtab changes.
-void tServicePublisher::WaitForPeerToReleaseExports(const QDateTime& before)
-{
-    for (int poll = 0; poll < cRmtabPolls; ++poll) {
-        QThread::msleep(cRmtabPollMs);
-        if (QFileInfo(m_RmtabPath).lastModified() != before) {
-            QThread::msleep(cRmtabSettleMs);
-            return;
-        }
-    }
+        m_Commands->AddPauses(RmtabPauses(m_RmtabPath, before));
 }
 
 void tServicePublisher::RestartNfsServer()
 {
-    if (RunExportfs({QStringLiteral("-ar")}) == tCommandResult::Failed)
-        qCWarning(lcServicePublisher, "tServicePublisher::RestartNfsServer(): error clearing exports");
+    m_Commands->AddProcess(cExportfs, {QStringLiteral("-ar")}, [](tCommandQueue::tOutcome outcome) {
+        if (outcome == tCommandQueue::tOutcome::Failed)
+            qCWarning(lcServicePublisher, "tServicePublisher::RestartNfsServer(): error clearing exports");
+    });
     if (m_Active) {
         for (auto it = m_Shares.cbegin(); it != m_Shares.cend(); ++it) {
             Export(cAnyClient, cReadOnly, it.key());
@@ -202,28 +198,47 @@ void tServicePublisher::RestartNfsServer()
                 Export(m_PeerAddress.toString(), cReadWrite, it.key());
         }
     }
-    qCInfo(lcServicePublisher, "tServicePublisher: Restarting nfsd done");
+    m_Commands->AddAction(this, [] { qCInfo(lcServicePublisher, "tServicePublisher: Restarting nfsd done"); });
+}
+
+void tServicePublisher::AfterCommands(QObject* context, std::function<void()> action)
+{
+    m_Commands->AddAction(context, std::move(action));
+}
+
+bool tServicePublisher::CommandsPending() const
+{
+    return m_Commands->Pending();
+}
+
+void tServicePublisher::SetCommandTimeout(int ms)
+{
+    m_Commands->SetCommandTimeout(ms);
 }
 
 void tServicePublisher::Export(const QString& client, const QString& options, const QString& path)
 {
     const QStringList arguments{QStringLiteral("-o"), options + cExportOptionsSuffix, client + QLatin1Char(':') + path};
     const QString commandLine = QStringList(QStringList{cExportfs} + arguments).join(QLatin1Char(' '));
-    if (RunExportfs(arguments) == tCommandResult::Finished)
-        qCInfo(lcServicePublisher, "Export: exporting '%s' PASS", qUtf8Printable(commandLine));
-    else
-        qCWarning(lcServicePublisher, "Export: error exporting %s", qUtf8Printable(commandLine));
+    m_Commands->AddProcess(cExportfs, arguments, [commandLine](tCommandQueue::tOutcome outcome) {
+        if (outcome == tCommandQueue::tOutcome::Finished)
+            qCInfo(lcServicePublisher, "Export: exporting '%s' PASS", qUtf8Printable(commandLine));
+        else
+            qCWarning(lcServicePublisher, "Export: error exporting %s", qUtf8Printable(commandLine));
+    });
 }
 
 void tServicePublisher::Unexport(const QString& client, const QString& path)
 {
-    RunExportfs({QStringLiteral("-u"), client + QLatin1Char(':') + path});
+    m_Commands->AddProcess(cExportfs, {QStringLiteral("-u"), client + QLatin1Char(':') + path});
 }
 
 void tServicePublisher::ExportFlush()
 {
-    if (RunExportfs({QStringLiteral("-f")}) == tCommandResult::Finished)
-        qCInfo(lcServicePublisher, "ExportFlush: 'exportfs -f' PASS");
-    else
-        qCWarning(lcServicePublisher, "ExportFlush: 'exportfs -f' FAILED");
+    m_Commands->AddProcess(cExportfs, {QStringLiteral("-f")}, [](tCommandQueue::tOutcome outcome) {
+        if (outcome == tCommandQueue::tOutcome::Finished)
+            qCInfo(lcServicePublisher, "ExportFlush: 'exportfs -f' PASS");
+        else
+            qCWarning(lcServicePublisher, "ExportFlush: 'exportfs -f' FAILED");
+    });
 }

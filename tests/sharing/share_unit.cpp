@@ -1,5 +1,6 @@
 // A unit's publisher in its own network namespace, driven by the netns tests:
-// one tab-separated command a line on stdin, answered with "ok" on stdout.
+// one tab-separated command a line on stdin, answered with "ok" on stdout
+// once the exportfs commands and waits it asked for have ended.
 //   start IFACE | add PATH TYPE NAME CONTENTID SERIAL DETAIL READONLY
 //   remove PATH | peer IP | withdraw | stop
 // Usage: larkd_share_unit CODENAME RMTAB
@@ -35,8 +36,10 @@ void Run(tServicePublisher& publisher, const QStringList& f)
     } else {
         std::printf("unknown %s\n", qPrintable(command));
     }
-    std::printf("ok %s\n", qPrintable(command));
-    std::fflush(stdout);
+    publisher.AfterCommands(&publisher, [command]() {
+        std::printf("ok %s\n", qPrintable(command));
+        std::fflush(stdout);
+    });
 }
 } // namespace
 

@@ -161,6 +161,7 @@ private slots:
     void withdrawalRemovesAtOnceAndAgainOnExpiry();
     void wireBytesAndKeepAlive();
     void ownDatagramsNeverSignal();
+    void slowExportfsHoldsUpNoAnnouncement();
     void oddDatagramsFromThePeer();
     void unresolvableSenderIsNotThePeer();
 
@@ -358,6 +359,34 @@ void tSharingNetnsTest::ownDatagramsNeverSignal()
     QCOMPARE(added.count(), 0);
     QCOMPARE(removed.count(), 0);
     QCOMPARE(discovered.count(), 0);
+}
+
+void tSharingNetnsTest::slowExportfsHoldsUpNoAnnouncement()
+{
+    tCapture capture(tNetnsPair::InterfaceB());
+    QVERIFY(capture.Joined());
+    tServicePublisher publisher(QStringLiteral("lark"));
+    publisher.Start(tNetnsPair::InterfaceB(), QHostAddress());
+    publisher.StartAnnouncing();
+    publisher.SetPeerIpAddress(tNetnsPair::AddressA());
+
+    // The first export takes three seconds; the share is announced at once
+    // and again a period later meanwhile.
+    qputenv("LARKD_STANDIN_SLEEP", "3");
+    QElapsedTimer clock;
+    clock.start();
+    publisher.AddServiceNFS(QStringLiteral("/slow"), 1, QString(), QString(), QString(), QString(), false);
+    qunsetenv("LARKD_STANDIN_SLEEP");
+    QVERIFY2(clock.elapsed() < 200, qPrintable(QString::number(clock.elapsed())));
+    QTRY_VERIFY_WITH_TIMEOUT(capture.Count() >= 2, 2800);
+    QCOMPARE(m_Record->Calls().size(), 1);
+
+    // Then everything runs in the order it would have run waiting: the
+    // peer's entry, everyone's, and the flush that followed the peer.
+    const QString peer = tNetnsPair::AddressA() + QStringLiteral(":/slow");
+    QTRY_COMPARE_WITH_TIMEOUT(m_Record->Calls(), (QStringList{tExportfsRecord::Call({"-o", cRw, peer}),
+                                                              tExportfsRecord::Call({"-o", cRw, "*:/slow"}),
+                                                              tExportfsRecord::Call({"-f"})}), 6000);
 }
 
 void tSharingNetnsTest::oddDatagramsFromThePeer()
