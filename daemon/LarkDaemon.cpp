@@ -14,6 +14,7 @@
 #include <QHostAddress>
 #include <QTcpServer>
 #include <QTextStream>
+#include <QTimer>
 
 #include <csignal>
 
@@ -21,6 +22,7 @@ namespace
 {
 const char* const cWatchedInterface = "eth0";
 constexpr quint32 cLinkLocalPrefix = 0xA9FE; // 169.254.0.0/16
+constexpr int cShutdownGraceMs = 7000;
 
 bool HasLinkLocalAddress(const tNetworkInterfaceMonitor::InterfaceState& state)
 {
@@ -129,7 +131,14 @@ void tLarkDaemon::SignalHandler(int sigNum)
         break;
     case SIGTERM:
         qCInfo(lcDaemon, "tLarkDaemon::SignalHandler(): Handling SIGTERM");
-        QCoreApplication::quit();
+        // Exports and unexports already queued still run (an unexport left
+        // out would keep a pulled card exported), for at most 7 s.
+        if (m_Publisher->CommandsPending()) {
+            connect(m_Publisher, &tServicePublisher::CommandsDone, qApp, &QCoreApplication::quit);
+            QTimer::singleShot(cShutdownGraceMs, qApp, &QCoreApplication::quit);
+        } else {
+            QCoreApplication::quit();
+        }
         break;
     case SIGUSR1:
         qCInfo(lcDaemon, "tLarkDaemon::SignalHandler(): Handling SIGUSR1: Republishing all mounted filesystems");
