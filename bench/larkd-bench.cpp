@@ -340,6 +340,21 @@ public:
         return true;
     }
 
+    // How many unexports the stand-ins have recorded so far; reads only what
+    // was added since the last call.
+    int Unexports()
+    {
+        QFile calls(m_State.filePath(QStringLiteral("calls")));
+        if (calls.open(QIODevice::ReadOnly) && calls.seek(m_CallsRead)) {
+            QByteArray added = m_CallsTail + calls.readAll();
+            m_CallsRead = calls.pos();
+            const int end = added.lastIndexOf('\n') + 1;
+            m_CallsTail = added.mid(end);
+            m_Unexports += added.left(end).count("exportfs\t-u\t");
+        }
+        return m_Unexports;
+    }
+
     void Stop()
     {
         if (m_Process.state() != QProcess::NotRunning) {
@@ -400,6 +415,9 @@ private:
     QString m_BusName;
     double m_StartedMs = 0;
     double m_ListeningMs = 0;
+    qint64 m_CallsRead = 0;
+    QByteArray m_CallsTail;
+    int m_Unexports = 0;
 };
 
 struct tSettings
@@ -546,7 +564,9 @@ bool StartUp(const tSettings& settings, int volumes, QVector<double>* toListenin
 }
 
 // larkd's anonymous resident memory around card insert/remove cycles, each
-// complete as the application sees it (the card reported, then its removal).
+// complete as the application sees it (the card reported, then its removal)
+// and as the NFS server does (its unexport run). The application hears first:
+// cycles paced by it alone would outrun exportfs and measure its backlog.
 bool Memory(const tSettings& settings)
 {
     tBenchUnit unit(settings.exampleUnit, settings.larkdOptions);
@@ -554,11 +574,14 @@ bool Memory(const tSettings& settings)
     QString error;
     if (!unit.Start(&error) || !client.Connect(unit.Port()))
         return Fail(error.isEmpty() ? QStringLiteral("cannot connect to larkd") : error);
+    int cycles = 0;
     auto cycle = [&] {
+        ++cycles;
         tBenchClient::tArrival arrival;
         if (!unit.Control(QStringLiteral("Insert"), {QStringLiteral("left"), QStringLiteral("charts")}, &error)
             || !client.Take(false, &arrival)
-            || !unit.Control(QStringLiteral("Remove"), {QStringLiteral("left")}, &error) || !client.Take(true, &arrival))
+            || !unit.Control(QStringLiteral("Remove"), {QStringLiteral("left")}, &error) || !client.Take(true, &arrival)
+            || !WaitUntil([&] { return unit.Unexports() >= cycles; }, 10000))
             return Fail(QStringLiteral("a cycle did not complete: ") + error + QLatin1Char(' ') + unit.Log());
         return true;
     };
