@@ -129,6 +129,11 @@ bool tLarkdUnit::Insert(const QString& slot, const QString& medium, QString* err
     return Control(QStringLiteral("Insert"), {slot, medium}, error);
 }
 
+bool tLarkdUnit::Hold(const QString& method, int ms, QString* error)
+{
+    return Control(QStringLiteral("Hold"), {method, ms}, error);
+}
+
 bool tLarkdUnit::ServiceAway(QString* error)
 {
     return Control(QStringLiteral("Away"), {}, error);

@@ -39,6 +39,9 @@ public:
     // The service gives its bus name up, and takes it again as if restarted.
     bool ServiceAway(QString* error = nullptr);
     bool ServiceBack(QString* error = nullptr);
+    // The service answers each later call of method ("Mount", "Unmount") only
+    // after ms milliseconds, as for a slow card; 0 ends that.
+    bool Hold(const QString& method, int ms, QString* error = nullptr);
     // The simulator's own record: "Mount NODE PATH OPTIONS...", "Unmount NODE", ...
     QStringList SimulatorCalls();
 
