@@ -3,7 +3,10 @@
 and runs the suite (without the virtual machines), and reports which tests
 catch each fault: a test suite's power to find faults, measured.
 
-    tools/faults/seed.py [--build DIR] [--only 1,5,7] [--tests REGEX]
+    tools/faults/seed.py [--build DIR] [--only 1,5,7] [--tests REGEX] [--prefer RECORD]
+
+With --prefer, the output of an earlier run: each fault first meets the tests
+that caught it then, and the whole suite only if none of them does.
 
 Run it in a scratch clone: each fault is undone after its run, but a run
 that is interrupted leaves the fault in place. Needs what scripts/test.sh
@@ -18,7 +21,14 @@ parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
 parser.add_argument("--build", default=os.path.join(root, "build"))
 parser.add_argument("--only", default="", help="fault numbers, comma-separated (1-based)")
 parser.add_argument("--tests", default="", help="ctest -R regular expression")
+parser.add_argument("--prefer", default="", help="an earlier run's output")
 args = parser.parse_args()
+earlier = {}
+if args.prefer:
+    for line in open(args.prefer):
+        found = re.match(r"\s*(\d+) .*\): (.*) \[", line)
+        if found and found.group(2) != "NOT CAUGHT":
+            earlier[int(found.group(1))] = found.group(2).split(", ")
 chosen = [int(n) for n in args.only.split(",") if n] or range(1, len(FAULTS) + 1)
 
 def run(command, **kw):
@@ -41,10 +51,13 @@ for number in chosen:
             print("%2d %s: does not build" % (number, what), flush=True)
             continue
         command = ["ctest", "-LE", "vm", "-j2", "--timeout", "300"]
-        if args.tests:
-            command += ["-R", args.tests]
-        tests = run(command)
-        caught = sorted(set(re.findall(r"^\s*\d+ - (\S+) \(", tests.stdout, re.M)))
+        caught = []
+        if number in earlier:
+            tests = run(command + ["-R", "^(%s)$" % "|".join(earlier[number])])
+            caught = sorted(set(re.findall(r"^\s*\d+ - (\S+) \(", tests.stdout, re.M)))
+        if not caught:
+            tests = run(command + (["-R", args.tests] if args.tests else []))
+            caught = sorted(set(re.findall(r"^\s*\d+ - (\S+) \(", tests.stdout, re.M)))
     finally:
         open(source, "w").write(text)
     if not caught:
