@@ -12,7 +12,7 @@ import sys
 import time
 
 sys.dont_write_bytecode = True  # nothing written into the source tree
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools", "lab"))
 from lab import Lab, LabError, free_loopback_port, log, make_vfat_image  # noqa: E402
 from unit import Unit, crc7_key, is_removal  # noqa: E402
 
