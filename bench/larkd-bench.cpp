@@ -3,7 +3,7 @@
 //   larkd-bench [--quick] [--inserts N] [--cycles N] [--startup-runs N]
 //               [--only latency,udiskie,startup,memory] [-- LARKD-OPTION...]
 //
-// larkd runs as the end-to-end tests run it (tests/scripts/larkd-unit.sh: a
+// larkd runs as the end-to-end tests run it (tools/unit/larkd-unit.sh: a
 // private mount namespace with its own /run/media, a private bus, the UDisks2
 // simulator and the recording stand-ins for exportfs, mount, umount and
 // mountpoint); Debian's udiskie, the comparison, runs against the same
@@ -267,7 +267,7 @@ private:
     QList<tArrival> m_Arrivals;
 };
 
-// larkd in tests/scripts/larkd-unit.sh, started through this program's
+// larkd in tools/unit/larkd-unit.sh, started through this program's
 // --exec-stamped mode so that the moment of its exec is known.
 class tBenchUnit
 {

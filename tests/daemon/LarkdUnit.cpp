@@ -72,7 +72,7 @@ bool tLarkdUnit::Start(QString* error)
     const QStringList arguments = QStringList{m_State.path(), m_UnitFile, QStringLiteral("--port"),
                                               QString::number(m_Port)}
                                   + m_Options;
-    m_Process.start(TestScript(QStringLiteral("larkd-unit.sh")), arguments);
+    m_Process.start(UnitTool(QStringLiteral("larkd-unit.sh")), arguments);
     if (!m_Process.waitForStarted(10000)) {
         *error = QStringLiteral("larkd-unit.sh did not start: ") + m_Process.errorString();
         return false;

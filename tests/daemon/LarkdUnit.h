@@ -9,7 +9,7 @@
 #include <QTcpSocket>
 #include <QTemporaryDir>
 
-// One display unit as processes (tests/scripts/larkd-unit.sh): larkd in a
+// One display unit as processes (tools/unit/larkd-unit.sh): larkd in a
 // mount namespace of its own with the UDisks2 simulator on a private bus and
 // recording stand-ins for exportfs, mount, umount and mountpoint. Stopped
 // with SIGTERM when the object goes. With LARKD_UNIT_RESTART=1 in the

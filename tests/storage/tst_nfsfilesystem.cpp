@@ -1,5 +1,5 @@
 // A peer's share mounted through the system's mount tools, here the
-// recording stand-ins for mount, umount and mountpoint (tests/scripts/standins)
+// recording stand-ins for mount, umount and mountpoint (tools/unit/standins)
 // first on PATH; they only make directories, nothing is really mounted. The
 // tools run while the caller's event loop goes on: results come as signals.
 
@@ -55,7 +55,7 @@ bool UnmountAndWait(tNfsFileSystem& fileSystem)
 
 void tNfsFileSystemTest::initTestCase()
 {
-    const QString standins = qEnvironmentVariable("LARKD_TEST_SCRIPTS") + QStringLiteral("/standins");
+    const QString standins = qEnvironmentVariable("LARKD_UNIT_TOOLS") + QStringLiteral("/standins");
     qputenv("PATH", (standins + QLatin1Char(':') + qEnvironmentVariable("PATH")).toLocal8Bit());
     m_Record = m_Dir.filePath(QStringLiteral("calls"));
     m_Refused = m_Dir.filePath(QStringLiteral("refused"));
