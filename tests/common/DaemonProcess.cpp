@@ -16,11 +16,6 @@ QString TestScript(const QString& name)
     return QDir(qEnvironmentVariable("LARKD_TEST_SCRIPTS")).filePath(name);
 }
 
-QString UnitTool(const QString& name)
-{
-    return QDir(QStringLiteral(LARKD_UNIT_TOOLS)).filePath(name);
-}
-
 tFinishedProcess RunToEnd(const QString& program, const QStringList& arguments, int timeoutMs)
 {
     QProcess process;

@@ -11,9 +11,6 @@ QString LarkdBinary();
 // A script from tests/scripts (LARKD_TEST_SCRIPTS, set by CTest).
 QString TestScript(const QString& name);
 
-// A program of the simulated unit in tools/unit, e.g. "larkd-unit.sh".
-QString UnitTool(const QString& name);
-
 // Runs a program to completion with a time limit and keeps its output apart.
 struct tFinishedProcess
 {

@@ -80,15 +80,14 @@ void tHostileInputTest::printfDirectivesInALabelAreLoggedAsText()
     // Still alive, and the next card is reported.
     QVERIFY(WriteMediumSysfs(QStringLiteral("right"), QStringLiteral("photos")));
     QVERIFY(unit.Insert(QStringLiteral("right"), QStringLiteral("photos")));
-    auto reported = [&app] {
-        QStringList paths;
-        for (const QJsonObject& arrival : app.Arrivals())
-            paths << arrival.value(QStringLiteral("path")).toString();
-        return paths;
-    };
-    QTRY_VERIFY2_WITH_TIMEOUT(reported().contains(QStringLiteral("/run/media/PHOTOS")),
-                              qPrintable(reported().join(' ') + '\n' + QString::fromUtf8((lines += sink.Drain()).join('\n'))),
-                              20000);
+    QStringList reported;
+    QTRY_VERIFY2_WITH_TIMEOUT(
+        [&] {
+            for (const QJsonObject& arrival : app.TakeArrivals(0))
+                reported << arrival.value(QStringLiteral("path")).toString();
+            return reported.contains(QStringLiteral("/run/media/PHOTOS"));
+        }(),
+        qPrintable(reported.join(' ') + '\n' + QString::fromUtf8((lines += sink.Drain()).join('\n'))), 20000);
     QCOMPARE(unit.Process().state(), QProcess::Running);
 }
 
@@ -98,7 +97,6 @@ void tHostileInputTest::rescanThenPullingEveryMedium()
     QString error;
     QVERIFY2(unit.Start(&error), qPrintable(error));
     QVERIFY(unit.Insert(QStringLiteral("usb"), QStringLiteral("stick")));
-    QVERIFY(unit.WaitForMountPoint(QStringLiteral("sda1")));
     tAppConnection app;
     QVERIFY(app.Connect(unit.Port()));
     QCOMPARE(app.TakeArrivals(2).size(), 2);
@@ -130,7 +128,6 @@ void tHostileInputTest::applicationPortStaysBounded()
         qputenv("ASAN_OPTIONS", sanitizer);
     QString error;
     QVERIFY2(unit.Start(&error), qPrintable(error));
-    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
     const QProcess& larkd = unit.Process();
 
     // 64 MiB without a NUL: dropped as it comes, one warning, and the next

@@ -105,7 +105,6 @@ void tLocalVolumesTest::cardsAndSticksAreMountedLinkedExportedAndReported()
                                     QStringLiteral("--serial-number-file"), m_SerialNumberFile});
     QString error;
     QVERIFY2(unit.Start(&error), qPrintable(error));
-    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
 
     // The card present at start is reported when the application connects.
     tAppConnection app;
@@ -162,7 +161,7 @@ void tLocalVolumesTest::cardsAndSticksAreMountedLinkedExportedAndReported()
     QCOMPARE(arrivals.first().value(QStringLiteral("friendlyname")), QJsonValue(QStringLiteral("Memory Card")));
 
     // vfat volumes get the configured options, others none.
-    const QStringList mounts = unit.SimulatorCalls().filter(QRegularExpression(QStringLiteral("^Mount ")));
+    const QStringList mounts = unit.Calls().filter(QRegularExpression(QStringLiteral("^Mount ")));
     QCOMPARE(mounts.size(), 4);
     QVERIFY2(mounts.at(0).startsWith(QStringLiteral("Mount mmcblk0p1 /run/media/CHARTS ")), qPrintable(mounts.at(0)));
     for (int i : {0, 1, 2})
@@ -172,10 +171,10 @@ void tLocalVolumesTest::cardsAndSticksAreMountedLinkedExportedAndReported()
     // Writable volumes are exported writable; a read-only card stays read-only.
     // A volume is reported at once, and exported once the exports before it have run.
     auto exportOf = [&unit](const QString& path) {
-        const QStringList found = unit.Calls(QStringLiteral("exportfs")).filter(QStringLiteral("\t*:") + path);
+        const QStringList found = unit.Ran(QStringLiteral("exportfs")).filter(QStringLiteral("\t*:") + path);
         return found.isEmpty() ? QString() : found.first();
     };
-    const auto exports = [&unit]() { return unit.Calls(QStringLiteral("exportfs")).join('\n'); };
+    const auto exports = [&unit]() { return unit.Ran(QStringLiteral("exportfs")).join('\n'); };
     QTRY_VERIFY2(exportOf(QStringLiteral("/run/media/CHARTS")).startsWith(QStringLiteral("-o\trw")), qPrintable(exports()));
     QTRY_VERIFY2(exportOf(QStringLiteral("/run/media/PHOTOS")).startsWith(QStringLiteral("-o\trw")), qPrintable(exports()));
     QTRY_VERIFY2(exportOf(QStringLiteral("/run/media/MAPS")).startsWith(QStringLiteral("-o\tro")), qPrintable(exports()));
@@ -188,12 +187,11 @@ void tLocalVolumesTest::withoutChartSharingVolumesAreLinkedButNotExported()
                                     QStringLiteral("/srv/charts")});
     QString error;
     QVERIFY2(unit.Start(&error), qPrintable(error));
-    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
     tAppConnection app;
     QVERIFY(app.Connect(unit.Port()));
     QCOMPARE(app.TakeArrivals(1).size(), 1);
     QCOMPARE(LinkTarget(unit.Inside(QStringLiteral("/run/media/Memory Card - 1"))), QStringLiteral("CHARTS"));
-    QCOMPARE(unit.Calls(QStringLiteral("exportfs")), QStringList());
+    QCOMPARE(unit.Ran(QStringLiteral("exportfs")), QStringList());
 }
 
 void tLocalVolumesTest::removalIsReportedUnmountedAndItsLinkSwept()
@@ -201,7 +199,6 @@ void tLocalVolumesTest::removalIsReportedUnmountedAndItsLinkSwept()
     tLarkdUnit unit(E2eUnitFile(), {});
     QString error;
     QVERIFY2(unit.Start(&error), qPrintable(error));
-    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
     tAppConnection app;
     QVERIFY(app.Connect(unit.Port()));
     QCOMPARE(app.TakeArrivals(1).size(), 1);
@@ -226,7 +223,7 @@ void tLocalVolumesTest::removalIsReportedUnmountedAndItsLinkSwept()
                            {QStringLiteral("key"), Null()},          {QStringLiteral("path"), QStringLiteral("/run/media/CHARTS")},
                            {QStringLiteral("type"), Null()}};
     QCOMPARE(arrivals.first(), gone);
-    QTRY_VERIFY(unit.Calls(QStringLiteral("exportfs")).contains(QStringLiteral("-u\t*:/run/media/CHARTS")));
+    QTRY_VERIFY(unit.Ran(QStringLiteral("exportfs")).contains(QStringLiteral("-u\t*:/run/media/CHARTS")));
     // The link goes with the volume, although the service removes a pulled
     // medium's mount directory only after its objects (and nothing sweeps
     // dangling links later).
@@ -235,12 +232,12 @@ void tLocalVolumesTest::removalIsReportedUnmountedAndItsLinkSwept()
 
     // Unmounted by someone else: reported gone, and larkd unmounts it too
     // (which the service refuses, the volume being unmounted already).
-    QVERIFY(unit.UnmountBehind(QStringLiteral("mmcblk3p1")));
+    QVERIFY(unit.Unmount(QStringLiteral("mmcblk3p1")));
     arrivals = app.TakeArrivals(1);
     QCOMPARE(arrivals.size(), 1);
     QCOMPARE(arrivals.first().value(QStringLiteral("path")), QJsonValue(QStringLiteral("/run/media/PHOTOS")));
     QVERIFY(arrivals.first().value(QStringLiteral("type")).isNull());
-    QVERIFY(unit.SimulatorCalls().contains(QStringLiteral("Unmount-refused mmcblk3p1")));
+    QVERIFY(unit.Calls().contains(QStringLiteral("Unmount-refused mmcblk3p1")));
 }
 
 void tLocalVolumesTest::protocolFraming()
@@ -248,7 +245,6 @@ void tLocalVolumesTest::protocolFraming()
     tLarkdUnit unit(E2eUnitFile(), {QStringLiteral("--disable-chart-sharing")});
     QString error;
     QVERIFY2(unit.Start(&error), qPrintable(error));
-    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
     tAppConnection app;
     QVERIFY(app.Connect(unit.Port()));
     QCOMPARE(app.TakeArrivals(1).size(), 1);
@@ -291,7 +287,6 @@ void tLocalVolumesTest::secondClientTakesOver()
     tLarkdUnit unit(E2eUnitFile(), {QStringLiteral("--disable-chart-sharing")});
     QString error;
     QVERIFY2(unit.Start(&error), qPrintable(error));
-    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
     tAppConnection first;
     QVERIFY(first.Connect(unit.Port()));
     QCOMPARE(first.TakeArrivals(1).size(), 1);
@@ -312,7 +307,6 @@ void tLocalVolumesTest::signals_()
     tLarkdUnit unit(E2eUnitFile(), {QStringLiteral("--disable-chart-sharing")});
     QString error;
     QVERIFY2(unit.Start(&error), qPrintable(error));
-    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
     tAppConnection app;
     QVERIFY(app.Connect(unit.Port()));
     QCOMPARE(app.TakeArrivals(1).size(), 1);
@@ -327,7 +321,7 @@ void tLocalVolumesTest::signals_()
     arrivals = app.TakeArrivals(1);
     QVERIFY2(arrivals.size() == 1, Describe(arrivals).constData());
     QCOMPARE(arrivals.first().value(QStringLiteral("path")), QJsonValue(QStringLiteral("/run/media/CHARTS")));
-    const QStringList calls = unit.SimulatorCalls().filter(QRegularExpression(QStringLiteral("^(Mount|Unmount) ")));
+    const QStringList calls = unit.Calls().filter(QRegularExpression(QStringLiteral("^(Mount|Unmount) ")));
     QCOMPARE(calls.size(), 3);
     QVERIFY2(calls.at(1).startsWith(QStringLiteral("Unmount mmcblk0p1")) && calls.at(2).startsWith(QStringLiteral("Mount mmcblk0p1")),
              qPrintable(calls.join('\n')));
@@ -352,7 +346,6 @@ void tLocalVolumesTest::clientListsAndFollows()
     tLarkdUnit unit(E2eUnitFile(), {QStringLiteral("--disable-chart-sharing")});
     QString error;
     QVERIFY2(unit.Start(&error), qPrintable(error));
-    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
     const QString client = qEnvironmentVariable("LARKD_CLIENT_BINARY");
     const QStringList port{QStringLiteral("--port"), QString::number(unit.Port())};
 
@@ -398,7 +391,6 @@ void tLocalVolumesTest::restartAdoptsWhatIsMountedAndReportsEachOnce()
     tAppConnection early;
     QVERIFY(early.ConnectWhenListening(unit.Port()));
     QCOMPARE(Reported(early.TakeArrivals(1)), QStringList{QStringLiteral("+/run/media/CHARTS")});
-    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
     QVERIFY(WriteMediumSysfs(QStringLiteral("usb"), QStringLiteral("stick")));
     QVERIFY(unit.Insert(QStringLiteral("usb"), QStringLiteral("stick")));
     QCOMPARE(Reported(early.TakeArrivals(1)), QStringList{QStringLiteral("+/run/media/STICK")});
@@ -408,8 +400,8 @@ void tLocalVolumesTest::restartAdoptsWhatIsMountedAndReportsEachOnce()
     QVERIFY(WriteMediumSysfs(QStringLiteral("right"), QStringLiteral("photos")));
     QVERIFY(unit.Insert(QStringLiteral("right"), QStringLiteral("photos")));
     const int logBefore = unit.Log().size();
-    const int simulatorCallsBefore = unit.SimulatorCalls().size();
-    const int exportsBefore = unit.Calls(QStringLiteral("exportfs")).size();
+    const int simulatorCallsBefore = unit.Calls().size();
+    const int exportsBefore = unit.Ran(QStringLiteral("exportfs")).size();
     QVERIFY2(unit.KillAndAwaitRestart(&error), qPrintable(error));
 
     // The restarted larkd adopts the two volumes, mounts the new card and
@@ -417,7 +409,6 @@ void tLocalVolumesTest::restartAdoptsWhatIsMountedAndReportsEachOnce()
     tAppConnection app;
     QVERIFY(app.ConnectWhenListening(unit.Port()));
     QList<QJsonObject> arrivals = app.TakeArrivals(3);
-    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk1p1")));
     QTest::qWait(300);
     arrivals += app.TakeArrivals(0);
     QCOMPARE(Reported(arrivals), QStringList({QStringLiteral("+/run/media/CHARTS"), QStringLiteral("+/run/media/PHOTOS"),
@@ -429,11 +420,11 @@ void tLocalVolumesTest::restartAdoptsWhatIsMountedAndReportsEachOnce()
     const QByteArray log = unit.Log().mid(logBefore);
     QVERIFY2(!log.contains("failed to mount") && !log.contains("failed to create symlink"), log.constData());
     // Only the new card is mounted; nothing is unmounted or refused.
-    const QStringList simulatorCalls = Since(unit.SimulatorCalls(), simulatorCallsBefore);
+    const QStringList simulatorCalls = Since(unit.Calls(), simulatorCallsBefore);
     QCOMPARE(simulatorCalls.filter(QRegularExpression(QStringLiteral("^(Mount|Unmount)"))).size(), 1);
     QVERIFY2(simulatorCalls.filter(QRegularExpression(QStringLiteral("^Mount mmcblk1p1 /run/media/PHOTOS "))).size() == 1,
              qPrintable(simulatorCalls.join('\n')));
-    const auto exports = [&]() { return Since(unit.Calls(QStringLiteral("exportfs")), exportsBefore); };
+    const auto exports = [&]() { return Since(unit.Ran(QStringLiteral("exportfs")), exportsBefore); };
     for (const QString& path : {QStringLiteral("CHARTS"), QStringLiteral("STICK"), QStringLiteral("PHOTOS")})
         QTRY_VERIFY2(!exports().filter(QRegularExpression(QStringLiteral("^-o\t.*\t\\*:/run/media/") + path + '$')).isEmpty(),
                      qPrintable(exports().join('\n')));
@@ -444,17 +435,17 @@ void tLocalVolumesTest::restartAdoptsWhatIsMountedAndReportsEachOnce()
     // An adopted volume is larkd's like any other: its removal is followed through.
     QVERIFY(unit.Remove(QStringLiteral("usb")));
     QCOMPARE(Reported(app.TakeArrivals(1)), QStringList{QStringLiteral("-/run/media/STICK")});
-    QTRY_VERIFY(unit.Calls(QStringLiteral("exportfs")).contains(QStringLiteral("-u\t*:/run/media/STICK")));
+    QTRY_VERIFY(unit.Ran(QStringLiteral("exportfs")).contains(QStringLiteral("-u\t*:/run/media/STICK")));
     QTRY_VERIFY(!QFileInfo(unit.Inside(QStringLiteral("/run/media/USB Memory Card A1"))).isSymLink());
 
     // Started while the service is away, larkd takes up what is mounted once it comes.
-    QVERIFY2(unit.ServiceAway(&error), qPrintable(error));
+    QVERIFY2(unit.Away(&error), qPrintable(error));
     QVERIFY2(unit.KillAndAwaitRestart(&error), qPrintable(error));
     tAppConnection late;
     QVERIFY(late.ConnectWhenListening(unit.Port()));
     QTest::qWait(200);
     QCOMPARE(late.TakeArrivals(0).size(), 0);
-    QVERIFY2(unit.ServiceBack(&error), qPrintable(error));
+    QVERIFY2(unit.Back(&error), qPrintable(error));
     arrivals = late.TakeArrivals(2);
     QTest::qWait(300);
     arrivals += late.TakeArrivals(0);
@@ -473,22 +464,21 @@ void tLocalVolumesTest::serviceRestartIsFollowed()
     QVERIFY(WriteMediumSysfs(QStringLiteral("right"), QStringLiteral("photos")));
     QVERIFY(unit.Insert(QStringLiteral("right"), QStringLiteral("photos")));
     QCOMPARE(Reported(app.TakeArrivals(1)), QStringList{QStringLiteral("+/run/media/PHOTOS")});
-    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk1p1")));
 
     // While the service is away a card is pulled and a stick put in: larkd
     // hears nothing, and unmounts nothing.
-    QVERIFY2(unit.ServiceAway(&error), qPrintable(error));
+    QVERIFY2(unit.Away(&error), qPrintable(error));
     QVERIFY(unit.Remove(QStringLiteral("left")));
     QVERIFY(WriteMediumSysfs(QStringLiteral("usb"), QStringLiteral("stick")));
     QVERIFY(unit.Insert(QStringLiteral("usb"), QStringLiteral("stick")));
     QTest::qWait(300);
     QCOMPARE(app.TakeArrivals(0).size(), 0);
-    const int simulatorCallsBefore = unit.SimulatorCalls().size();
-    const int exportsBefore = unit.Calls(QStringLiteral("exportfs")).size();
+    const int simulatorCallsBefore = unit.Calls().size();
+    const int exportsBefore = unit.Ran(QStringLiteral("exportfs")).size();
 
     // Back: the card is reported gone and unexported, the stick mounted and
     // reported; the card that stayed is neither reported again nor remounted.
-    QVERIFY2(unit.ServiceBack(&error), qPrintable(error));
+    QVERIFY2(unit.Back(&error), qPrintable(error));
     QList<QJsonObject> arrivals = app.TakeArrivals(2);
     QTest::qWait(300);
     arrivals += app.TakeArrivals(0);
@@ -497,10 +487,10 @@ void tLocalVolumesTest::serviceRestartIsFollowed()
     QVERIFY(arrivals.at(0).value(QStringLiteral("friendlyname")).isNull());
     QCOMPARE(arrivals.at(1).value(QStringLiteral("path")), QJsonValue(QStringLiteral("/run/media/STICK")));
     QCOMPARE(arrivals.at(1).value(QStringLiteral("friendlyname")), QJsonValue(QStringLiteral("USB Mass Storage")));
-    QTRY_VERIFY(Since(unit.Calls(QStringLiteral("exportfs")), exportsBefore).contains(QStringLiteral("-u\t*:/run/media/CHARTS")));
-    const QStringList exports = Since(unit.Calls(QStringLiteral("exportfs")), exportsBefore);
+    QTRY_VERIFY(Since(unit.Ran(QStringLiteral("exportfs")), exportsBefore).contains(QStringLiteral("-u\t*:/run/media/CHARTS")));
+    const QStringList exports = Since(unit.Ran(QStringLiteral("exportfs")), exportsBefore);
     QVERIFY2(exports.filter(QStringLiteral("PHOTOS")).isEmpty(), qPrintable(exports.join('\n')));
-    const QStringList mounts = Since(unit.SimulatorCalls(), simulatorCallsBefore)
+    const QStringList mounts = Since(unit.Calls(), simulatorCallsBefore)
                                    .filter(QRegularExpression(QStringLiteral("^(Mount|Unmount) ")));
     QVERIFY2(mounts.size() == 1 && mounts.first().startsWith(QStringLiteral("Mount sda1 /run/media/STICK")),
              qPrintable(mounts.join('\n')));

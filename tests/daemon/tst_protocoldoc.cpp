@@ -76,7 +76,6 @@ void tProtocolDocTest::examplesAreWhatLarkdSends()
                                     QStringLiteral("--serial-number-file"), m_Files.filePath("serial")});
     QString error;
     QVERIFY2(unit.Start(&error), qPrintable(error));
-    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
     tAppConnection app;
     QList<QByteArray> got;
     auto take = [&app](int count) {

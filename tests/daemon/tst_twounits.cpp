@@ -217,13 +217,13 @@ void tTwoUnitsTest::peerCardBecomesARemoteVolume()
     QCOMPARE(charts.value(QStringLiteral("type")).toString(), QStringLiteral("memorycard"));
     QCOMPARE(charts.value(QStringLiteral("remote")), QJsonValue(false)); // from the configured peer
     QCOMPARE(charts.value(QStringLiteral("readonly")), QJsonValue(false));
-    QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")),
+    QCOMPARE(m_UnitB->Ran(QStringLiteral("mount")),
              QStringList{MountCall(QStringLiteral("/run/media/CHARTS"), cChartsDir, QStringLiteral("rw"))});
     QVERIFY(m_UnitB->MountTable().contains("169.254.10.1:/run/media/CHARTS " + (cNfsRoot + QLatin1Char('/') + cChartsDir).toUtf8()));
     // A grants the peer its own writable export once it hears from it, though
     // B announces nothing: B's keep-alive, sent to A alone, is enough.
     QTRY_VERIFY_WITH_TIMEOUT(
-        m_UnitA->Calls(QStringLiteral("exportfs")).contains(QStringLiteral("-o\trw,no_root_squash,no_subtree_check\t169.254.10.2:/run/media/CHARTS")),
+        m_UnitA->Ran(QStringLiteral("exportfs")).contains(QStringLiteral("-o\trw,no_root_squash,no_subtree_check\t169.254.10.2:/run/media/CHARTS")),
         10000);
     QVERIFY(WriteMediumSysfs(QStringLiteral("right"), QStringLiteral("photos")));
     QVERIFY(m_UnitB->Insert(QStringLiteral("right"), QStringLiteral("photos")));
@@ -236,7 +236,7 @@ void tTwoUnitsTest::peerCardBecomesARemoteVolume()
     QCOMPARE(arrivals.size(), 1);
     QCOMPARE(arrivals.first().value(QStringLiteral("path")).toString(), AppPath(cMapsDir));
     QCOMPARE(arrivals.first().value(QStringLiteral("readonly")), QJsonValue(true));
-    QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")).value(1),
+    QCOMPARE(m_UnitB->Ran(QStringLiteral("mount")).value(1),
              MountCall(QStringLiteral("/run/media/MAPS"), cMapsDir, QStringLiteral("ro")));
 
     // Pulled on A: withdrawn at once, unmounted on B.
@@ -245,7 +245,7 @@ void tTwoUnitsTest::peerCardBecomesARemoteVolume()
     QCOMPARE(arrivals.size(), 1);
     QVERIFY(IsRemoval(arrivals.first(), AppPath(cChartsDir)));
     // The application is told at once, while umount may still run.
-    QTRY_COMPARE(m_UnitB->Calls(QStringLiteral("umount")),
+    QTRY_COMPARE(m_UnitB->Ran(QStringLiteral("umount")),
                  QStringList{QStringLiteral("-fl\t") + cNfsRoot + QLatin1Char('/') + cChartsDir});
 
     // A falls silent: its last share expires on B.
@@ -256,7 +256,7 @@ void tTwoUnitsTest::peerCardBecomesARemoteVolume()
     QCOMPARE(arrivals.size(), 1);
     QVERIFY(IsRemoval(arrivals.first(), AppPath(cMapsDir)));
     QVERIFY2(silence.elapsed() >= cExpiryMs.toInt() - 1000, qPrintable(QString::number(silence.elapsed())));
-    QTRY_COMPARE(m_UnitB->Calls(QStringLiteral("umount")).size(), 2);
+    QTRY_COMPARE(m_UnitB->Ran(QStringLiteral("umount")).size(), 2);
 }
 
 void tTwoUnitsTest::applicationLetsARemoteVolumeGo()
@@ -285,7 +285,7 @@ void tTwoUnitsTest::applicationLetsARemoteVolumeGo()
     QCOMPARE(arrivals.size(), 2);
     QVERIFY(IsRemoval(arrivals.at(0), AppPath(cChartsDir)));
     QCOMPARE(arrivals.at(1).value(QStringLiteral("path")).toString(), AppPath(cChartsDir));
-    QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")).size(), 2);
+    QCOMPARE(m_UnitB->Ran(QStringLiteral("mount")).size(), 2);
 
     // With it, the share stays away while A keeps announcing it...
     m_AppB->Send(Unmount(AppPath(cChartsDir), true));
@@ -294,7 +294,7 @@ void tTwoUnitsTest::applicationLetsARemoteVolumeGo()
     QVERIFY(IsRemoval(arrivals.first(), AppPath(cChartsDir)));
     QTest::qWait(2 * cExpiryMs.toInt());
     QCOMPARE(m_AppB->TakeArrivals(0).size(), 0);
-    QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")).size(), 2);
+    QCOMPARE(m_UnitB->Ran(QStringLiteral("mount")).size(), 2);
 
     // ...and comes back once A stopped announcing it for a while.
     QVERIFY(m_UnitA->Remove(QStringLiteral("left")));
@@ -304,7 +304,7 @@ void tTwoUnitsTest::applicationLetsARemoteVolumeGo()
     arrivals = m_AppB->TakeArrivals(1, 10000);
     QCOMPARE(arrivals.size(), 1);
     QCOMPARE(arrivals.first().value(QStringLiteral("path")).toString(), AppPath(cChartsDir));
-    QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")).size(), 3);
+    QCOMPARE(m_UnitB->Ran(QStringLiteral("mount")).size(), 3);
 }
 
 void tTwoUnitsTest::sigusr2MountsPeerSharesAgain()
@@ -319,20 +319,20 @@ void tTwoUnitsTest::sigusr2MountsPeerSharesAgain()
     QList<QJsonObject> arrivals = m_AppB->TakeArrivals(1, 10000);
     QCOMPARE(Paths(arrivals), QStringList{AppPath(cChartsDir)});
     QCOMPARE(arrivals.first().value(QStringLiteral("type")).toString(), QStringLiteral("memorycard"));
-    QCOMPARE(m_UnitB->Calls(QStringLiteral("umount")), QStringList{unmount});
-    QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")).size(), 2);
+    QCOMPARE(m_UnitB->Ran(QStringLiteral("umount")), QStringList{unmount});
+    QCOMPARE(m_UnitB->Ran(QStringLiteral("mount")).size(), 2);
     QVERIFY(m_UnitB->MountTable().contains(chartsMount.toUtf8()));
 
     // Withdrawn while being mounted again: the application, which still
     // knows it, hears it is gone; the mount is abandoned and its path freed.
     QVERIFY(Touch(m_Hangs));
     SendSignal(m_UnitB->Process(), SIGUSR2);
-    QTRY_COMPARE_WITH_TIMEOUT(m_UnitB->Calls(QStringLiteral("mount")).size(), 3, 10000);
+    QTRY_COMPARE_WITH_TIMEOUT(m_UnitB->Ran(QStringLiteral("mount")).size(), 3, 10000);
     QVERIFY(m_UnitA->Remove(QStringLiteral("left")));
     arrivals = m_AppB->TakeArrivals(1, 10000);
     QCOMPARE(arrivals.size(), 1);
     QVERIFY(IsRemoval(arrivals.first(), AppPath(cChartsDir)));
-    QTRY_COMPARE_WITH_TIMEOUT(m_UnitB->Calls(QStringLiteral("umount")), (QStringList{unmount, unmount, unmount}), 5000);
+    QTRY_COMPARE_WITH_TIMEOUT(m_UnitB->Ran(QStringLiteral("umount")), (QStringList{unmount, unmount, unmount}), 5000);
     QTRY_VERIFY(!QFileInfo::exists(m_UnitB->Inside(chartsMount)));
     QVERIFY(!m_UnitB->MountTable().contains(chartsMount.toUtf8()));
 
@@ -350,7 +350,7 @@ void tTwoUnitsTest::sigusr2MountsPeerSharesAgain()
     arrivals = m_AppB->TakeArrivals(1, 10000);
     QCOMPARE(arrivals.size(), 1);
     QVERIFY(IsRemoval(arrivals.first(), AppPath(cChartsDir)));
-    QTRY_COMPARE_WITH_TIMEOUT(m_UnitB->Calls(QStringLiteral("umount")).size(), 5, 5000);
+    QTRY_COMPARE_WITH_TIMEOUT(m_UnitB->Ran(QStringLiteral("umount")).size(), 5, 5000);
     QTRY_VERIFY(!QFileInfo::exists(m_UnitB->Inside(chartsMount)));
     m_AppB->Send(AppRequest(QStringLiteral("enquerydevicelist")));
     QTest::qWait(200);
@@ -370,7 +370,7 @@ void tTwoUnitsTest::eth0SharesWhileUpWithALinkLocalAddress()
 
     QTest::qWait(2 * cExpiryMs.toInt());
     QCOMPARE(m_AppB->TakeArrivals(0).size(), 0);
-    QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")), QStringList());
+    QCOMPARE(m_UnitB->Ran(QStringLiteral("mount")), QStringList());
 
     // The direct cable's link-local address starts sharing. A's writable
     // card is mounted "rw" and reported as local storage.
@@ -380,7 +380,7 @@ void tTwoUnitsTest::eth0SharesWhileUpWithALinkLocalAddress()
     QCOMPARE(arrivals.first().value(QStringLiteral("path")).toString(), AppPath(cChartsDir));
     QCOMPARE(arrivals.first().value(QStringLiteral("remote")), QJsonValue(false));
     QCOMPARE(arrivals.first().value(QStringLiteral("readonly")), QJsonValue(false));
-    QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")),
+    QCOMPARE(m_UnitB->Ran(QStringLiteral("mount")),
              QStringList{MountCall(QStringLiteral("/run/media/CHARTS"), cChartsDir, QStringLiteral("rw"))});
 
     // Link down: sharing stops, so the peer's share expires; up: it starts again.
@@ -414,7 +414,7 @@ void tTwoUnitsTest::peerThatNeverAnswersHoldsNothingUp()
     QVERIFY(Touch(m_Hangs));
     QVERIFY(StartUnits());
     const QString chartsMount = cNfsRoot + QLatin1Char('/') + cChartsDir;
-    QTRY_VERIFY2_WITH_TIMEOUT(m_UnitB->Calls(QStringLiteral("mount")).size() == 1,
+    QTRY_VERIFY2_WITH_TIMEOUT(m_UnitB->Ran(QStringLiteral("mount")).size() == 1,
                               (m_UnitA->Log() + "\n=====B\n" + m_UnitB->Log()).constData(), 15000);
     QVERIFY(QFileInfo(m_UnitB->Inside(chartsMount)).isDir());
 
@@ -424,7 +424,7 @@ void tTwoUnitsTest::peerThatNeverAnswersHoldsNothingUp()
     QVERIFY(m_UnitB->Insert(QStringLiteral("right"), QStringLiteral("photos")));
     QCOMPARE(Paths(m_AppB->TakeArrivals(1, 2000)), QStringList{QStringLiteral("/run/media/PHOTOS")});
     QTRY_VERIFY_WITH_TIMEOUT(
-        m_UnitA->Calls(QStringLiteral("mount")).join(QLatin1Char('\n')).contains(QStringLiteral("PHOTOS")), 10000);
+        m_UnitA->Ran(QStringLiteral("mount")).join(QLatin1Char('\n')).contains(QStringLiteral("PHOTOS")), 10000);
 
     // For two expiry periods B answers its application in time, without the
     // share whose mount has not answered, and both units keep announcing:
@@ -438,14 +438,14 @@ void tTwoUnitsTest::peerThatNeverAnswersHoldsNothingUp()
         QVERIFY(!listed.contains(AppPath(cChartsDir)));
         QTest::qWait(250);
     }
-    QCOMPARE(m_UnitA->Calls(QStringLiteral("umount")), QStringList());
-    QCOMPARE(m_UnitB->Calls(QStringLiteral("umount")), QStringList());
+    QCOMPARE(m_UnitA->Ran(QStringLiteral("umount")), QStringList());
+    QCOMPARE(m_UnitB->Ran(QStringLiteral("umount")), QStringList());
 
     // Withdrawn while mounting: the mount is killed and its path unmounted,
     // and the application hears nothing of it.
     QVERIFY(m_UnitA->Remove(QStringLiteral("left")));
     const QStringList unmounted{QStringLiteral("-fl\t") + chartsMount};
-    QTRY_COMPARE_WITH_TIMEOUT(m_UnitB->Calls(QStringLiteral("umount")), unmounted, 5000);
+    QTRY_COMPARE_WITH_TIMEOUT(m_UnitB->Ran(QStringLiteral("umount")), unmounted, 5000);
     QTRY_VERIFY(!QFileInfo::exists(m_UnitB->Inside(chartsMount)));
     QTest::qWait(200);
     QCOMPARE(m_AppB->TakeArrivals(0).size(), 0);
@@ -458,7 +458,7 @@ void tTwoUnitsTest::peerThatNeverAnswersHoldsNothingUp()
     const QList<QJsonObject> arrivals = m_AppB->TakeArrivals(1, 10000);
     QCOMPARE(Paths(arrivals), QStringList{QString()});
     QCOMPARE(arrivals.first().value(QStringLiteral("friendlyname")).toString(), QStringLiteral("Memory Card - Left"));
-    QCOMPARE(m_UnitB->Calls(QStringLiteral("mount")).size(), 2);
+    QCOMPARE(m_UnitB->Ran(QStringLiteral("mount")).size(), 2);
     QVERIFY(!QFileInfo::exists(m_UnitB->Inside(chartsMount)));
 
     // SIGTERM does not wait for a hanging mount.
@@ -466,7 +466,7 @@ void tTwoUnitsTest::peerThatNeverAnswersHoldsNothingUp()
     QVERIFY(Touch(m_Hangs));
     QVERIFY(WriteMediumSysfs(QStringLiteral("extra"), QStringLiteral("maps")));
     QVERIFY(m_UnitA->Insert(QStringLiteral("extra"), QStringLiteral("maps")));
-    QTRY_COMPARE_WITH_TIMEOUT(m_UnitB->Calls(QStringLiteral("mount")).size(), 3, 10000);
+    QTRY_COMPARE_WITH_TIMEOUT(m_UnitB->Ran(QStringLiteral("mount")).size(), 3, 10000);
     clock.start();
     QVERIFY(m_UnitB->Stop());
     QVERIFY2(clock.elapsed() < 2000, qPrintable(QString::number(clock.elapsed())));
