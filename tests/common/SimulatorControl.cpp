@@ -4,55 +4,6 @@
 
 #include <QDBusMessage>
 
-bool tSimulatorControl::Insert(const QString& slot, const QString& medium, QString* error)
-{
-    return Call(QStringLiteral("Insert"), {slot, medium}, error);
-}
-
-bool tSimulatorControl::Remove(const QString& slot, QString* error)
-{
-    return Call(QStringLiteral("Remove"), {slot}, error);
-}
-
-bool tSimulatorControl::Unmount(const QString& node, QString* error)
-{
-    return Call(QStringLiteral("Unmount"), {node}, error);
-}
-
-bool tSimulatorControl::FailNextMount(const QString& message)
-{
-    return Call(QStringLiteral("FailNextMount"), {message});
-}
-
-bool tSimulatorControl::Hold(const QString& method, int milliseconds, QString* error)
-{
-    return Call(QStringLiteral("Hold"), {method, milliseconds}, error);
-}
-
-bool tSimulatorControl::Away(QString* error)
-{
-    return Call(QStringLiteral("Away"), {}, error);
-}
-
-bool tSimulatorControl::Back(QString* error)
-{
-    return Call(QStringLiteral("Back"), {}, error);
-}
-
-QStringList tSimulatorControl::Calls()
-{
-    QStringList lines;
-    Call(QStringLiteral("Calls"), {}, nullptr, &lines);
-    return lines;
-}
-
-QStringList tSimulatorControl::Timeline()
-{
-    QStringList lines;
-    Call(QStringLiteral("Timeline"), {}, nullptr, &lines);
-    return lines;
-}
-
 bool tSimulatorControl::Call(const QString& method, const QVariantList& arguments, QString* error, QStringList* lines)
 {
     QDBusMessage call =

@@ -64,10 +64,13 @@ bool tLarkdUnit::Start(QString* error)
         arguments << QStringLiteral("--port") << QString::number(m_Port);
     }
     m_Process.start(UnitTool(QStringLiteral("larkd-unit.sh")), arguments + m_Options);
+    // The bus file appears once the simulator serves, and larkd listens once
+    // it has set up; a probe connection is harmless because the
+    // application's own connection takes over afterwards.
     const QString busFile = m_State.filePath(QStringLiteral("bus"));
     QElapsedTimer clock;
     clock.start();
-    while (!QFile::exists(busFile)) {
+    while (!QFile::exists(busFile) || !Accepts(m_Port)) {
         if (m_Process.state() == QProcess::NotRunning || clock.hasExpired(20000)) {
             *error = QStringLiteral("the unit did not come up: ") + QString::fromLocal8Bit(Log());
             return false;
@@ -76,18 +79,8 @@ bool tLarkdUnit::Start(QString* error)
     }
     QFile file(busFile);
     file.open(QIODevice::ReadOnly);
-    const QString address = QString::fromUtf8(file.readAll()).trimmed();
     m_BusName = QStringLiteral("larkd-unit-") + QString::number(quintptr(this));
-    SetControlBus(QDBusConnection::connectToBus(address, m_BusName));
-    // larkd listens once it has set up; a probe connection is harmless
-    // because the application's own connection takes over afterwards.
-    while (!Accepts(m_Port)) {
-        if (m_Process.state() == QProcess::NotRunning || clock.hasExpired(20000)) {
-            *error = QStringLiteral("larkd does not listen: ") + QString::fromLocal8Bit(Log());
-            return false;
-        }
-        QTest::qWait(20);
-    }
+    SetControlBus(QDBusConnection::connectToBus(QString::fromUtf8(file.readAll()).trimmed(), m_BusName));
     return true;
 }
 
@@ -96,6 +89,19 @@ bool tLarkdUnit::Stop()
     SendSignal(m_Process, SIGTERM);
     return m_Process.waitForFinished(10000) && m_Process.exitStatus() == QProcess::NormalExit
            && m_Process.exitCode() == 0;
+}
+
+bool tLarkdUnit::Insert(const QString& slot, const QString& medium, QString* error)
+{
+    const tFinishedProcess sysfs = RunToEnd(QStringLiteral("nsenter"),
+        {QStringLiteral("--mount"), QStringLiteral("--target"), QString::number(m_Process.processId()),
+         qEnvironmentVariable("LARKD_UNIT_SYSFS"), QStringLiteral("/sys"), m_UnitFile, slot + QLatin1Char('=') + medium});
+    if (sysfs.exitCode != 0) {
+        if (error)
+            *error = QString::fromLocal8Bit(sysfs.err);
+        return false;
+    }
+    return tSimulatorControl::Insert(slot, medium, error);
 }
 
 bool tLarkdUnit::Remove(const QString& slot, QString* error)
@@ -177,23 +183,19 @@ tAppConnection::tAppConnection()
     QObject::connect(&m_Client, &tAppClient::MessageReceived, [this](const QByteArray& document) { m_Documents << document; });
 }
 
-bool tAppConnection::Connect(quint16 port)
-{
-    m_Client.ConnectTo(QStringLiteral("127.0.0.1"), port);
-    return Socket().waitForConnected(5000);
-}
-
-bool tAppConnection::ConnectWhenListening(quint16 port, int timeoutMs)
+bool tAppConnection::Connect(quint16 port, int timeoutMs)
 {
     QElapsedTimer clock;
     clock.start();
-    while (!Connect(port)) {
+    for (;;) {
+        m_Client.ConnectTo(QStringLiteral("127.0.0.1"), port);
+        if (Socket().waitForConnected(5000))
+            return true;
         Socket().abort();
         if (clock.hasExpired(timeoutMs))
             return false;
         QThread::msleep(2);
     }
-    return true;
 }
 
 void tAppConnection::SendRaw(const QByteArray& bytes)
@@ -224,6 +226,21 @@ QList<QJsonObject> tAppConnection::TakeArrivals(int count, int timeoutMs)
         arrivals << message.value(QStringLiteral("content")).toObject().value(QStringLiteral("dataarrival")).toObject();
     }
     return arrivals;
+}
+
+QString E2eUnitFile()
+{
+    return qEnvironmentVariable("LARKD_DAEMON_UNITS") + QStringLiteral("/e2e-unit.json");
+}
+
+QStringList Reported(const QList<QJsonObject>& arrivals)
+{
+    QStringList paths;
+    for (const QJsonObject& arrival : arrivals)
+        paths << (arrival.value(QStringLiteral("type")).isNull() ? QStringLiteral("-") : QStringLiteral("+"))
+                     + arrival.value(QStringLiteral("path")).toString();
+    paths.sort();
+    return paths;
 }
 
 QJsonObject AppRequest(const QString& type, const QJsonValue& content)

@@ -8,8 +8,9 @@
 #include <QTemporaryDir>
 
 // One display unit as processes (tools/unit/larkd-unit.sh): larkd in a mount
-// namespace of its own with the UDisks2 simulator on a private bus and
-// recording stand-ins for exportfs, mount, umount and mountpoint. Stopped
+// namespace of its own with the UDisks2 simulator on a private bus, recording
+// stand-ins for exportfs, mount, umount and mountpoint, and the sysfs, /dev
+// and slot file of the device (LARKD_UNIT_SYSFS, set by CTest). Stopped
 // with SIGTERM when the object goes. With LARKD_UNIT_RESTART=1 in the
 // environment at Start(), larkd is restarted whenever it is killed, as its
 // service manager does, and Process() is the script that restarts it.
@@ -27,6 +28,8 @@ public:
     bool Start(QString* error);
     // SIGTERM; true when larkd then exits normally with status 0.
     bool Stop();
+    // As on the device, the medium's sysfs is there before the service hears of it.
+    bool Insert(const QString& slot, const QString& medium, QString* error = nullptr);
     // Also waits (at most 1.5 s) until the service has removed the medium's
     // mount directory, as it does a moment after the medium: sooner, the same
     // medium put back would get another directory name.
@@ -62,10 +65,9 @@ class tAppConnection
 {
 public:
     tAppConnection();
-    bool Connect(quint16 port);
     // Connects as soon as something listens on port: before larkd's start-up
     // scan is done, the connection waits in the listen queue.
-    bool ConnectWhenListening(quint16 port, int timeoutMs = 20000);
+    bool Connect(quint16 port, int timeoutMs = 20000);
     // Sends the bytes as they are (the caller adds the NULs).
     void SendRaw(const QByteArray& bytes);
     void Send(const QJsonObject& message);
@@ -80,6 +82,13 @@ private:
     tAppClient m_Client;
     QList<QByteArray> m_Documents;
 };
+
+// units/e2e-unit.json: SD slots "left" and "right" are configured; "extra" is
+// not, so its cards fall back to the first slot's link name.
+QString E2eUnitFile();
+
+// The paths reported, sorted, each after "+" for an arrival or "-" for a removal.
+QStringList Reported(const QList<QJsonObject>& arrivals);
 
 // The envelope of an application request.
 QJsonObject AppRequest(const QString& type, const QJsonValue& content = QJsonValue::Undefined);

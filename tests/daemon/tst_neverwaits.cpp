@@ -7,7 +7,6 @@
 
 #include "LarkdUnit.h"
 #include "PrivateMounts.h"
-#include "UnitFixture.h"
 
 #include <QElapsedTimer>
 #include <QtTest>
@@ -32,14 +31,6 @@ bool WaitForCall(tLarkdUnit& unit, const QString& call, int timeoutMs)
 {
     return QTest::qWaitFor([&] { return unit.Calls().contains(call); }, timeoutMs);
 }
-
-QString Paths(const QList<QJsonObject>& arrivals)
-{
-    QStringList paths;
-    for (const QJsonObject& arrival : arrivals)
-        paths << arrival.value(QStringLiteral("path")).toString();
-    return paths.join(QLatin1Char(' '));
-}
 } // namespace
 
 class tNeverWaitsTest : public QObject
@@ -54,8 +45,6 @@ private slots:
 void tNeverWaitsTest::initTestCase()
 {
     LARKD_REQUIRE_NAMESPACE();
-    QString error;
-    QVERIFY2(PrepareUnitMachine(&error), qPrintable(error));
 }
 
 void tNeverWaitsTest::slowMountsHoldNothingUp()
@@ -69,9 +58,7 @@ void tNeverWaitsTest::slowMountsHoldNothingUp()
 
     // A card and a stick whose mounts the service answers 4 s late.
     QVERIFY(unit.Hold(QStringLiteral("Mount"), 4000, &error));
-    QVERIFY(WriteMediumSysfs(QStringLiteral("right"), QStringLiteral("photos")));
     QVERIFY(unit.Insert(QStringLiteral("right"), QStringLiteral("photos")));
-    QVERIFY(WriteMediumSysfs(QStringLiteral("usb"), QStringLiteral("stick")));
     QVERIFY(unit.Insert(QStringLiteral("usb"), QStringLiteral("stick")));
     QVERIFY(WaitForCall(unit, QStringLiteral("Mount-held sda1"), 5000));
     const qint64 answered = AnswerTime(app, 1);
@@ -82,7 +69,7 @@ void tNeverWaitsTest::slowMountsHoldNothingUp()
     QVERIFY(unit.Remove(QStringLiteral("usb")));
     const QList<QJsonObject> late = app.TakeArrivals(1, 8000);
     QCOMPARE(late.size(), 1);
-    QVERIFY2(late.first().value(QStringLiteral("path")).toString().endsWith(QStringLiteral("/PHOTOS")), qPrintable(Paths(late)));
+    QVERIFY2(late.first().value(QStringLiteral("path")).toString().endsWith(QStringLiteral("/PHOTOS")), qPrintable(Reported(late).join(' ')));
     QVERIFY(WaitForCall(unit, QStringLiteral("Mount-vanished sda1"), 5000));
     QTest::qWait(300);
     QVERIFY2(app.TakeArrivals(0).isEmpty(), "the pulled stick was reported");
@@ -117,7 +104,6 @@ void tNeverWaitsTest::slowExportfsHoldsNothingUp()
     tAppConnection app;
     QVERIFY(app.Connect(unit.Port()));
     QCOMPARE(app.TakeArrivals(1).size(), 1);
-    QVERIFY(WriteMediumSysfs(QStringLiteral("right"), QStringLiteral("photos")));
     QVERIFY(unit.Insert(QStringLiteral("right"), QStringLiteral("photos")));
     QCOMPARE(app.TakeArrivals(1, 2000).size(), 1);
     QVERIFY(unit.Remove(QStringLiteral("right")));
