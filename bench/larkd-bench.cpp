@@ -3,7 +3,7 @@
 //   larkd-bench [--quick] [--inserts N] [--cycles N] [--startup-runs N]
 //               [--only latency,udiskie,startup,memory] [-- LARKD-OPTION...]
 //
-// larkd runs as the end-to-end tests run it (tests/scripts/larkd-unit.sh: a
+// larkd runs as the end-to-end tests run it (tools/unit/larkd-unit.sh: a
 // private mount namespace with its own /run/media, a private bus, the UDisks2
 // simulator and the recording stand-ins for exportfs, mount, umount and
 // mountpoint); Debian's udiskie, the comparison, runs against the same
@@ -16,7 +16,6 @@
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDBusConnection>
-#include <QDBusMessage>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -44,9 +43,6 @@
 
 namespace
 {
-const QString cControlService = QStringLiteral("org.larkd.UDisks2Sim");
-const QString cControlPath = QStringLiteral("/org/larkd/UDisks2Sim");
-const QString cControlInterface = QStringLiteral("org.larkd.UDisks2Sim");
 const char* const cExecStamped = "--exec-stamped";
 
 double NowMs()
@@ -267,9 +263,9 @@ private:
     QList<tArrival> m_Arrivals;
 };
 
-// larkd in tests/scripts/larkd-unit.sh, started through this program's
+// larkd in tools/unit/larkd-unit.sh, started through this program's
 // --exec-stamped mode so that the moment of its exec is known.
-class tBenchUnit
+class tBenchUnit : public tSimulatorControl
 {
 public:
     tBenchUnit(const QString& unitFile, const QStringList& larkdOptions)
@@ -310,7 +306,7 @@ public:
         m_Process.setProcessEnvironment(environment);
         m_Process.setProcessChannelMode(QProcess::MergedChannels);
         m_Process.setStandardOutputFile(m_State.filePath(QStringLiteral("larkd.log")));
-        m_Process.start(QStringLiteral(LARKD_BENCH_SCRIPTS "/larkd-unit.sh"),
+        m_Process.start(UnitTool(QStringLiteral("larkd-unit.sh")),
                         QStringList{m_State.path(), m_UnitFile, QStringLiteral("--port"), QString::number(m_Port)} + m_Options);
         const QString started = m_State.filePath(QStringLiteral("started"));
         if (!m_Process.waitForStarted(10000)
@@ -333,7 +329,8 @@ public:
 
         const QString address = ReadFile(m_State.filePath(QStringLiteral("bus"))).trimmed();
         m_BusName = QStringLiteral("bench-unit-") + QString::number(quintptr(this));
-        if (!QDBusConnection::connectToBus(address, m_BusName).isConnected()) {
+        SetControlBus(QDBusConnection::connectToBus(address, m_BusName));
+        if (!QDBusConnection(m_BusName).isConnected()) {
             *error = QStringLiteral("cannot reach the unit's bus at ") + address;
             return false;
         }
@@ -374,26 +371,7 @@ public:
     double StartedMs() const { return m_StartedMs; }
     double ListeningMs() const { return m_ListeningMs; }
 
-    bool Control(const QString& method, const QVariantList& arguments, QString* error, QStringList* lines = nullptr)
-    {
-        QDBusMessage call = QDBusMessage::createMethodCall(cControlService, cControlPath, cControlInterface, method);
-        call.setArguments(arguments);
-        const QDBusMessage reply = QDBusConnection(m_BusName).call(call);
-        if (reply.type() != QDBusMessage::ReplyMessage) {
-            *error = QStringLiteral("%1: %2").arg(method, reply.errorMessage());
-            return false;
-        }
-        if (lines)
-            *lines = reply.arguments().value(0).toStringList();
-        return true;
-    }
-    QList<tEvent> Timeline()
-    {
-        QString ignored;
-        QStringList lines;
-        Control(QStringLiteral("Timeline"), {}, &ignored, &lines);
-        return ParseTimeline(lines);
-    }
+    QList<tEvent> Events() { return ParseTimeline(Timeline()); }
     // The end of larkd's console output, for a failure's report.
     QString Log() const
     {
@@ -449,11 +427,11 @@ bool LarkdLatency(const tSettings& settings, QVector<double>* toMount, QVector<d
     const QString mountDirectory = QStringLiteral("/proc/%1/root/run/media/CHARTS").arg(unit.Pid());
     for (int round = 0; round <= settings.inserts; ++round) {
         tBenchClient::tArrival arrival;
-        if (!unit.Control(QStringLiteral("Insert"), {QStringLiteral("left"), QStringLiteral("charts")}, &error))
+        if (!unit.Insert(QStringLiteral("left"), QStringLiteral("charts"), &error))
             return Fail(error);
         if (!client.Take(false, &arrival) || !arrival.path.contains(QLatin1String("CHARTS")))
             return Fail(QStringLiteral("no dataarrival for the card: ") + unit.Log());
-        const QList<tEvent> events = unit.Timeline();
+        const QList<tEvent> events = unit.Events();
         const double inserted = LastOf(events, QStringLiteral("Insert left charts"));
         const double mounted = FirstAfter(events, QStringLiteral("Mount mmcblk0p1 "), inserted);
         if (!inserted || !mounted)
@@ -462,7 +440,7 @@ bool LarkdLatency(const tSettings& settings, QVector<double>* toMount, QVector<d
             *toMount << mounted - inserted;
             *toArrival << arrival.ms - inserted;
         }
-        if (!unit.Control(QStringLiteral("Remove"), {QStringLiteral("left")}, &error))
+        if (!unit.Remove(QStringLiteral("left"), &error))
             return Fail(error);
         if (!client.Take(true, &arrival))
             return Fail(QStringLiteral("no removal reported: ") + unit.Log());
@@ -553,7 +531,7 @@ bool StartUp(const tSettings& settings, int volumes, QVector<double>* toListenin
         auto mounted = [&] { return media.entryList(QDir::Dirs | QDir::NoSymLinks | QDir::NoDotAndDotDot).size(); };
         if (!WaitUntil([&] { return mounted() >= volumes; }, 120000, 5))
             return Fail(QStringLiteral("larkd mounted %1 of %2 volumes: ").arg(mounted()).arg(volumes) + unit.Log());
-        const QList<tEvent> events = unit.Timeline();
+        const QList<tEvent> events = unit.Events();
         if (std::count_if(events.cbegin(), events.cend(), [](const tEvent& e) { return e.line.startsWith(QLatin1String("Mount ")); })
             != volumes)
             return Fail(QStringLiteral("the simulator's timeline does not show %1 mounts").arg(volumes));
@@ -578,9 +556,9 @@ bool Memory(const tSettings& settings)
     auto cycle = [&] {
         ++cycles;
         tBenchClient::tArrival arrival;
-        if (!unit.Control(QStringLiteral("Insert"), {QStringLiteral("left"), QStringLiteral("charts")}, &error)
+        if (!unit.Insert(QStringLiteral("left"), QStringLiteral("charts"), &error)
             || !client.Take(false, &arrival)
-            || !unit.Control(QStringLiteral("Remove"), {QStringLiteral("left")}, &error) || !client.Take(true, &arrival)
+            || !unit.Remove(QStringLiteral("left"), &error) || !client.Take(true, &arrival)
             || !WaitUntil([&] { return unit.Unexports() >= cycles; }, 10000))
             return Fail(QStringLiteral("a cycle did not complete: ") + error + QLatin1Char(' ') + unit.Log());
         return true;

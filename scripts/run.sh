@@ -35,7 +35,7 @@ sim=$build/tools/udisks2-sim/udisks2-sim
 client=$build/tools/larkd-client/larkd-client
 unit=$root/tools/udisks2-sim/units/two-slots-stick-reader.json
 
-sysfs=$build/tests/common/unit-sysfs
+sysfs=$build/tools/unit/unit-sysfs
 mac=(02:4c:4b:00:0a:01 02:4c:4b:00:0a:02)
 address=(169.254.10.1 169.254.10.2)
 
@@ -91,7 +91,7 @@ echo "   Laid out as on the device: /run/corvex_platform/config names the SD slo
 echo "      sd_slots=left,/dev/disk/by-path/platform-slot0:right,/dev/disk/by-path/platform-slot1"
 mkdir "$state/unit" "$state/peer"
 QT_LOGGING_RULES=${QT_LOGGING_RULES:-lk.daemon.debug=true} LARKD_BINARY=$build/daemon/larkd UDISKS2_SIM_BINARY=$sim \
-    LARKD_UNIT_SYSFS=$sysfs ip netns exec "${netns[0]}" "$root/tests/scripts/larkd-unit.sh" "$state/unit" "$unit" --port "$port" "$@" \
+    LARKD_UNIT_SYSFS=$sysfs ip netns exec "${netns[0]}" "$root/tools/unit/larkd-unit.sh" "$state/unit" "$unit" --port "$port" "$@" \
     > >(sed -u 's/^/   larkd | /') 2>&1 &
 larkd_pid=$!
 unit_started "$larkd_pid" "$state/unit" "${netns[0]}"
@@ -99,7 +99,7 @@ unit_started "$larkd_pid" "$state/unit" "${netns[0]}"
 say "Starting a second unit, the peer, on the other end of the cable: eth0 at ${address[1]}, no card"
 echo "   Its log goes to a file; what its display application hears starts with 'peer  |'."
 LARKD_BINARY=$build/daemon/larkd UDISKS2_SIM_BINARY=$sim LARKD_UNIT_SYSFS=$sysfs \
-    ip netns exec "${netns[1]}" "$root/tests/scripts/larkd-unit.sh" "$state/peer" "$unit" --port "$port" --nfs-root /var/lib/nfs/remote \
+    ip netns exec "${netns[1]}" "$root/tools/unit/larkd-unit.sh" "$state/peer" "$unit" --port "$port" --nfs-root /var/lib/nfs/remote \
     >"$state/peer.log" 2>&1 &
 peer_pid=$!
 unit_started "$peer_pid" "$state/peer" "${netns[1]}" || { cat "$state/peer.log"; exit 1; }

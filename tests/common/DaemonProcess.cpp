@@ -1,7 +1,6 @@
 #include "DaemonProcess.h"
 
 #include <QDir>
-#include <QFile>
 #include <QtGlobal>
 
 #include <signal.h>
@@ -51,19 +50,4 @@ void SendSignal(const QProcess& process, int sig)
     const pid_t pid = static_cast<pid_t>(process.processId());
     if (pid > 0)
         ::kill(pid, sig);
-}
-
-bool CatchesSignal(const QProcess& process, int sig)
-{
-    QFile status(QStringLiteral("/proc/%1/status").arg(process.processId()));
-    if (!status.open(QIODevice::ReadOnly))
-        return false;
-    for (const QByteArray& line : status.readAll().split('\n')) {
-        if (line.startsWith("SigCgt:")) {
-            bool ok = false;
-            const qulonglong mask = line.mid(7).trimmed().toULongLong(&ok, 16);
-            return ok && (mask & (1ULL << (sig - 1)));
-        }
-    }
-    return false;
 }

@@ -26,9 +26,3 @@ void StopProcess(QProcess& process);
 
 // Sends a Unix signal to a running process; to nothing once it has ended.
 void SendSignal(const QProcess& process, int sig);
-
-// True once the process has a handler installed for sig (SigCgt in
-// /proc/PID/status): the moment a signal stops being fatal to it. Under the
-// armhf build's emulator this holds for signals such as SIGHUP and SIGTERM,
-// but those that dump core (SIGQUIT, SIGSEGV, ...) always show as caught.
-bool CatchesSignal(const QProcess& process, int sig);

@@ -2,29 +2,11 @@
 
 #include "DaemonProcess.h"
 
-#include <QFile>
+#include <QDir>
 
-namespace
+QString UnitTool(const QString& name)
 {
-const char* const Config = R"XML(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <listen>unix:path=%1</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_type="method_call"/>
-    <allow send_type="signal"/>
-    <allow send_type="method_return"/>
-    <allow send_type="error"/>
-    <allow receive_type="method_call"/>
-    <allow receive_type="signal"/>
-    <allow receive_type="method_return"/>
-    <allow receive_type="error"/>
-  </policy>
-</busconfig>
-)XML";
+    return QDir(QStringLiteral(LARKD_UNIT_TOOLS)).filePath(name);
 }
 
 tPrivateBus::~tPrivateBus()
@@ -40,20 +22,9 @@ bool tPrivateBus::Start(bool exportAsSystemBus, QString* error)
         message = QStringLiteral("no temporary directory");
         return false;
     }
-    const QString configPath = m_Dir.filePath(QStringLiteral("bus.conf"));
-    QFile config(configPath);
-    if (!config.open(QIODevice::WriteOnly)
-        || config.write(QString::fromLatin1(Config).arg(m_Dir.filePath(QStringLiteral("bus"))).toUtf8()) < 0) {
-        message = QStringLiteral("cannot write %1").arg(configPath);
-        return false;
-    }
-    config.close();
-    // Its only complaint as root is about the fd limit; keep the test output clean.
-    m_Daemon.setStandardErrorFile(QProcess::nullDevice());
-    // setpriv ties the daemon to this process: it goes even when a test crashes.
+    // setpriv ties the bus to this process: it goes even when a test crashes.
     m_Daemon.start(QStringLiteral("setpriv"), {QStringLiteral("--pdeathsig"), QStringLiteral("TERM"), QStringLiteral("--"),
-                                               QStringLiteral("dbus-daemon"), QStringLiteral("--config-file=") + configPath,
-                                               QStringLiteral("--nofork"), QStringLiteral("--print-address")});
+                                               UnitTool(QStringLiteral("private-bus.sh")), m_Dir.path()});
     while (!m_Daemon.canReadLine() && m_Daemon.waitForReadyRead(10000)) {
     }
     m_Address = QString::fromUtf8(m_Daemon.readLine().trimmed());

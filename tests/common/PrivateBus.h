@@ -5,8 +5,11 @@
 #include <QString>
 #include <QTemporaryDir>
 
-// A dbus-daemon of the test's own, allowing everything, so that parallel tests
-// never share a bus and nothing needs the machine's system bus.
+// A program of the simulated unit in tools/unit, e.g. "larkd-unit.sh".
+QString UnitTool(const QString& name);
+
+// A private bus of the test's own (tools/unit/private-bus.sh), so that
+// parallel tests never share one and nothing needs the machine's system bus.
 class tPrivateBus
 {
 public:

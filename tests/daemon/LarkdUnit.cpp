@@ -1,13 +1,11 @@
 #include "LarkdUnit.h"
 
 #include "DaemonProcess.h"
+#include "PrivateBus.h"
 
-#include <QDBusConnection>
-#include <QDBusMessage>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
-#include <QJsonDocument>
 #include <QTcpServer>
 #include <QTest>
 #include <QThread>
@@ -16,10 +14,6 @@
 
 namespace
 {
-const QString cControlService = QStringLiteral("org.larkd.UDisks2Sim");
-const QString cControlPath = QStringLiteral("/org/larkd/UDisks2Sim");
-const QString cControlInterface = QStringLiteral("org.larkd.UDisks2Sim");
-
 // A port nobody listens on right now.
 quint16 FreePort()
 {
@@ -28,19 +22,18 @@ quint16 FreePort()
     return probe.serverPort();
 }
 
-bool Succeeded(const QDBusMessage& reply, QString* error)
+bool Accepts(quint16 port)
 {
-    if (reply.type() == QDBusMessage::ReplyMessage)
-        return true;
-    if (error)
-        *error = reply.errorMessage();
-    return false;
+    QTcpSocket probe;
+    probe.connectToHost(QHostAddress::LocalHost, port);
+    return probe.waitForConnected(200);
 }
 } // namespace
 
-tLarkdUnit::tLarkdUnit(const QString& unitFile, const QStringList& larkdOptions)
+tLarkdUnit::tLarkdUnit(const QString& unitFile, const QStringList& larkdOptions, quint16 port)
     : m_UnitFile(unitFile)
     , m_Options(larkdOptions)
+    , m_Port(port)
 {
     m_Process.setProcessChannelMode(QProcess::MergedChannels);
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
@@ -50,12 +43,9 @@ tLarkdUnit::tLarkdUnit(const QString& unitFile, const QStringList& larkdOptions)
 
 tLarkdUnit::~tLarkdUnit()
 {
-    if (m_Process.state() != QProcess::NotRunning) {
-        SendSignal(m_Process, SIGTERM);
-        if (!m_Process.waitForFinished(10000)) {
-            m_Process.kill();
-            m_Process.waitForFinished(5000);
-        }
+    if (m_Process.state() != QProcess::NotRunning && !Stop()) {
+        m_Process.kill();
+        m_Process.waitForFinished(5000);
     }
     if (!m_BusName.isEmpty())
         QDBusConnection::disconnectFromBus(m_BusName);
@@ -68,19 +58,19 @@ tLarkdUnit::~tLarkdUnit()
 
 bool tLarkdUnit::Start(QString* error)
 {
-    m_Port = FreePort();
-    const QStringList arguments = QStringList{m_State.path(), m_UnitFile, QStringLiteral("--port"),
-                                              QString::number(m_Port)}
-                                  + m_Options;
-    m_Process.start(TestScript(QStringLiteral("larkd-unit.sh")), arguments);
-    if (!m_Process.waitForStarted(10000)) {
-        *error = QStringLiteral("larkd-unit.sh did not start: ") + m_Process.errorString();
-        return false;
+    QStringList arguments{m_State.path(), m_UnitFile};
+    if (m_Port == 0) {
+        m_Port = FreePort();
+        arguments << QStringLiteral("--port") << QString::number(m_Port);
     }
+    m_Process.start(UnitTool(QStringLiteral("larkd-unit.sh")), arguments + m_Options);
+    // The bus file appears once the simulator serves, and larkd listens once
+    // it has set up; a probe connection is harmless because the
+    // application's own connection takes over afterwards.
     const QString busFile = m_State.filePath(QStringLiteral("bus"));
     QElapsedTimer clock;
     clock.start();
-    while (!QFile::exists(busFile)) {
+    while (!QFile::exists(busFile) || !Accepts(m_Port)) {
         if (m_Process.state() == QProcess::NotRunning || clock.hasExpired(20000)) {
             *error = QStringLiteral("the unit did not come up: ") + QString::fromLocal8Bit(Log());
             return false;
@@ -89,25 +79,9 @@ bool tLarkdUnit::Start(QString* error)
     }
     QFile file(busFile);
     file.open(QIODevice::ReadOnly);
-    const QString address = QString::fromUtf8(file.readAll()).trimmed();
     m_BusName = QStringLiteral("larkd-unit-") + QString::number(quintptr(this));
-    if (!QDBusConnection::connectToBus(address, m_BusName).isConnected()) {
-        *error = QStringLiteral("cannot reach the unit's bus at ") + address;
-        return false;
-    }
-    // larkd listens once it has set up; a probe connection is harmless
-    // because the application's own connection takes over afterwards.
-    while (true) {
-        QTcpSocket probe;
-        probe.connectToHost(QHostAddress::LocalHost, m_Port);
-        if (probe.waitForConnected(200))
-            return true;
-        if (m_Process.state() == QProcess::NotRunning || clock.hasExpired(20000)) {
-            *error = QStringLiteral("larkd does not listen: ") + QString::fromLocal8Bit(Log());
-            return false;
-        }
-        QTest::qWait(20);
-    }
+    SetControlBus(QDBusConnection::connectToBus(QString::fromUtf8(file.readAll()).trimmed(), m_BusName));
+    return true;
 }
 
 bool tLarkdUnit::Stop()
@@ -117,43 +91,26 @@ bool tLarkdUnit::Stop()
            && m_Process.exitCode() == 0;
 }
 
-bool tLarkdUnit::Control(const QString& method, const QVariantList& arguments, QString* error)
-{
-    QDBusMessage call = QDBusMessage::createMethodCall(cControlService, cControlPath, cControlInterface, method);
-    call.setArguments(arguments);
-    return Succeeded(QDBusConnection(m_BusName).call(call), error);
-}
-
 bool tLarkdUnit::Insert(const QString& slot, const QString& medium, QString* error)
 {
-    return Control(QStringLiteral("Insert"), {slot, medium}, error);
-}
-
-bool tLarkdUnit::Hold(const QString& method, int ms, QString* error)
-{
-    return Control(QStringLiteral("Hold"), {method, ms}, error);
-}
-
-bool tLarkdUnit::ServiceAway(QString* error)
-{
-    return Control(QStringLiteral("Away"), {}, error);
-}
-
-bool tLarkdUnit::ServiceBack(QString* error)
-{
-    return Control(QStringLiteral("Back"), {}, error);
+    const tFinishedProcess sysfs = RunToEnd(QStringLiteral("nsenter"),
+        {QStringLiteral("--mount"), QStringLiteral("--target"), QString::number(m_Process.processId()),
+         qEnvironmentVariable("LARKD_UNIT_SYSFS"), QStringLiteral("/sys"), m_UnitFile, slot + QLatin1Char('=') + medium});
+    if (sysfs.exitCode != 0) {
+        if (error)
+            *error = QString::fromLocal8Bit(sysfs.err);
+        return false;
+    }
+    return tSimulatorControl::Insert(slot, medium, error);
 }
 
 bool tLarkdUnit::Remove(const QString& slot, QString* error)
 {
-    // Like the real service, the simulator removes a pulled medium's mount
-    // directory a moment after the medium itself; until then the same medium
-    // put back would get another directory name. Wait for that clean-up (at
-    // most 1.5 s: a medium that was not mounted leaves nothing to clean).
+    // A medium that was not mounted leaves no directory to wait for.
     const QDir media(Inside(QStringLiteral("/run/media")));
     auto mountDirectories = [&media] { return media.entryList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::NoSymLinks).size(); };
     const int before = mountDirectories();
-    if (!Control(QStringLiteral("Remove"), {slot}, error))
+    if (!tSimulatorControl::Remove(slot, error))
         return false;
     QElapsedTimer clock;
     clock.start();
@@ -162,19 +119,7 @@ bool tLarkdUnit::Remove(const QString& slot, QString* error)
     return true;
 }
 
-bool tLarkdUnit::UnmountBehind(const QString& node, QString* error)
-{
-    return Control(QStringLiteral("Unmount"), {node}, error);
-}
-
-QStringList tLarkdUnit::SimulatorCalls()
-{
-    const QDBusMessage reply = QDBusConnection(m_BusName).call(
-        QDBusMessage::createMethodCall(cControlService, cControlPath, cControlInterface, QStringLiteral("Calls")));
-    return reply.arguments().value(0).toStringList();
-}
-
-QStringList tLarkdUnit::Calls(const QString& program) const
+QStringList tLarkdUnit::Ran(const QString& program) const
 {
     QFile file(m_State.filePath(QStringLiteral("calls")));
     if (!file.open(QIODevice::ReadOnly))
@@ -192,19 +137,6 @@ QByteArray tLarkdUnit::Log()
 {
     m_Log += m_Process.readAll();
     return m_Log;
-}
-
-bool tLarkdUnit::WaitForMountPoint(const QString& node, int timeoutMs)
-{
-    const QByteArray line = "tLarkDaemon::OnFileSystemChanged(): node = " + node.toUtf8();
-    QElapsedTimer clock;
-    clock.start();
-    while (!Log().contains(line)) {
-        if (clock.hasExpired(timeoutMs))
-            return false;
-        QTest::qWait(20);
-    }
-    return true;
 }
 
 QByteArray tLarkdUnit::MountTable() const
@@ -246,76 +178,69 @@ QString tLarkdUnit::Inside(const QString& path) const
     return QStringLiteral("/proc/%1/root%2").arg(m_Process.processId()).arg(path);
 }
 
-bool tAppConnection::Connect(quint16 port)
+tAppConnection::tAppConnection()
 {
-    QObject::disconnect(&m_Socket, &QTcpSocket::readyRead, nullptr, nullptr);
-    QObject::connect(&m_Socket, &QTcpSocket::readyRead, [this] { Read(); });
-    m_Socket.connectToHost(QHostAddress::LocalHost, port);
-    return m_Socket.waitForConnected(5000);
+    QObject::connect(&m_Client, &tAppClient::MessageReceived, [this](const QByteArray& document) { m_Documents << document; });
 }
 
-bool tAppConnection::ConnectWhenListening(quint16 port, int timeoutMs)
+bool tAppConnection::Connect(quint16 port, int timeoutMs)
 {
     QElapsedTimer clock;
     clock.start();
-    while (!Connect(port)) {
-        m_Socket.abort();
+    for (;;) {
+        m_Client.ConnectTo(QStringLiteral("127.0.0.1"), port);
+        if (Socket().waitForConnected(5000))
+            return true;
+        Socket().abort();
         if (clock.hasExpired(timeoutMs))
             return false;
         QThread::msleep(2);
     }
-    return true;
 }
 
 void tAppConnection::SendRaw(const QByteArray& bytes)
 {
-    m_Socket.write(bytes);
-    m_Socket.flush();
+    Socket().write(bytes);
+    Socket().flush();
 }
 
 void tAppConnection::Send(const QJsonObject& message)
 {
-    SendRaw(QJsonDocument(message).toJson(QJsonDocument::Compact) + QByteArray(1, '\0'));
+    m_Client.Send(QJsonDocument(message));
 }
 
-void tAppConnection::Read()
+QList<QByteArray> tAppConnection::TakeDocuments(int count, int timeoutMs)
 {
-    m_Pending += m_Socket.readAll();
-    int end;
-    while ((end = m_Pending.indexOf('\0')) >= 0) {
-        m_Documents << m_Pending.left(end);
-        m_Pending.remove(0, end + 1);
-    }
-}
-
-QList<QByteArray> tAppConnection::TakeDocuments()
-{
-    Read();
-    const QList<QByteArray> documents = m_Documents;
-    m_Documents.clear();
+    (void)QTest::qWaitFor([&] { return m_Documents.size() >= count; }, count ? timeoutMs : 0);
+    QCoreApplication::processEvents();
+    QList<QByteArray> documents;
+    documents.swap(m_Documents);
     return documents;
 }
 
-QList<QJsonObject> tAppConnection::Arrivals()
+QList<QJsonObject> tAppConnection::TakeArrivals(int count, int timeoutMs)
 {
-    Read();
     QList<QJsonObject> arrivals;
-    for (const QByteArray& document : qAsConst(m_Documents)) {
+    for (const QByteArray& document : TakeDocuments(count, timeoutMs)) {
         const QJsonObject message = QJsonDocument::fromJson(document).object().value(QStringLiteral("message")).toObject();
         arrivals << message.value(QStringLiteral("content")).toObject().value(QStringLiteral("dataarrival")).toObject();
     }
     return arrivals;
 }
 
-QList<QJsonObject> tAppConnection::TakeArrivals(int count, int timeoutMs)
+QString E2eUnitFile()
 {
-    QElapsedTimer clock;
-    clock.start();
-    while (Arrivals().size() < count && !clock.hasExpired(timeoutMs))
-        QTest::qWait(20);
-    const QList<QJsonObject> arrivals = Arrivals();
-    m_Documents.clear();
-    return arrivals;
+    return qEnvironmentVariable("LARKD_DAEMON_UNITS") + QStringLiteral("/e2e-unit.json");
+}
+
+QStringList Reported(const QList<QJsonObject>& arrivals)
+{
+    QStringList paths;
+    for (const QJsonObject& arrival : arrivals)
+        paths << (arrival.value(QStringLiteral("type")).isNull() ? QStringLiteral("-") : QStringLiteral("+"))
+                     + arrival.value(QStringLiteral("path")).toString();
+    paths.sort();
+    return paths;
 }
 
 QJsonObject AppRequest(const QString& type, const QJsonValue& content)

@@ -1,24 +1,25 @@
 #pragma once
 
-#include <QByteArray>
+#include "AppClient.h"
+#include "SimulatorControl.h"
+
 #include <QJsonObject>
-#include <QList>
 #include <QProcess>
-#include <QString>
-#include <QStringList>
-#include <QTcpSocket>
 #include <QTemporaryDir>
 
-// One display unit as processes (tests/scripts/larkd-unit.sh): larkd in a
-// mount namespace of its own with the UDisks2 simulator on a private bus and
-// recording stand-ins for exportfs, mount, umount and mountpoint. Stopped
+// One display unit as processes (tools/unit/larkd-unit.sh): larkd in a mount
+// namespace of its own with the UDisks2 simulator on a private bus, recording
+// stand-ins for exportfs, mount, umount and mountpoint, and the sysfs, /dev
+// and slot file of the device (LARKD_UNIT_SYSFS, set by CTest). Stopped
 // with SIGTERM when the object goes. With LARKD_UNIT_RESTART=1 in the
 // environment at Start(), larkd is restarted whenever it is killed, as its
 // service manager does, and Process() is the script that restarts it.
-class tLarkdUnit
+class tLarkdUnit : public tSimulatorControl
 {
 public:
-    tLarkdUnit(const QString& unitFile, const QStringList& larkdOptions);
+    // port 0: a free one, passed with --port; otherwise the port larkd listens
+    // on by itself (in a network namespace of the test's own).
+    tLarkdUnit(const QString& unitFile, const QStringList& larkdOptions, quint16 port = 0);
     ~tLarkdUnit();
     tLarkdUnit(const tLarkdUnit&) = delete;
     tLarkdUnit& operator=(const tLarkdUnit&) = delete;
@@ -27,31 +28,19 @@ public:
     bool Start(QString* error);
     // SIGTERM; true when larkd then exits normally with status 0.
     bool Stop();
+    // As on the device, the medium's sysfs is there before the service hears of it.
+    bool Insert(const QString& slot, const QString& medium, QString* error = nullptr);
+    // Also waits (at most 1.5 s) until the service has removed the medium's
+    // mount directory, as it does a moment after the medium: sooner, the same
+    // medium put back would get another directory name.
+    bool Remove(const QString& slot, QString* error = nullptr);
 
     QProcess& Process() { return m_Process; }
     quint16 Port() const { return m_Port; }
-    QString Unit() const { return m_UnitFile; }
-
-    bool Insert(const QString& slot, const QString& medium, QString* error = nullptr);
-    bool Remove(const QString& slot, QString* error = nullptr);
-    // Unmounts behind larkd's back, as another program would.
-    bool UnmountBehind(const QString& node, QString* error = nullptr);
-    // The service gives its bus name up, and takes it again as if restarted.
-    bool ServiceAway(QString* error = nullptr);
-    bool ServiceBack(QString* error = nullptr);
-    // The service answers each later call of method ("Mount", "Unmount") only
-    // after ms milliseconds, as for a slow card; 0 ends that.
-    bool Hold(const QString& method, int ms, QString* error = nullptr);
-    // The simulator's own record: "Mount NODE PATH OPTIONS...", "Unmount NODE", ...
-    QStringList SimulatorCalls();
-
     // The stand-ins' calls of one program, each as its tab-joined arguments.
-    QStringList Calls(const QString& program) const;
-    // larkd's console log so far (debug lines of "lk.daemon" included).
+    QStringList Ran(const QString& program) const;
+    // larkd's console log so far.
     QByteArray Log();
-    // Waits until larkd has seen the service report node's mount point, and
-    // so has handled every earlier event about it.
-    bool WaitForMountPoint(const QString& node, int timeoutMs = 10000);
     // larkd's mount table (/proc/PID/mounts).
     QByteArray MountTable() const;
     // The running larkd's process id, which changes with each restart.
@@ -62,8 +51,6 @@ public:
     QString Inside(const QString& path) const;
 
 private:
-    bool Control(const QString& method, const QVariantList& arguments, QString* error);
-
     QString m_UnitFile;
     QStringList m_Options;
     QTemporaryDir m_State;
@@ -73,33 +60,35 @@ private:
     QByteArray m_Log;
 };
 
-// The display application's end of the protocol: one TCP connection that
-// splits what arrives at NUL bytes.
+// The display application: the client's connection, keeping what arrives.
 class tAppConnection
 {
 public:
-    bool Connect(quint16 port);
+    tAppConnection();
     // Connects as soon as something listens on port: before larkd's start-up
     // scan is done, the connection waits in the listen queue.
-    bool ConnectWhenListening(quint16 port, int timeoutMs = 20000);
+    bool Connect(quint16 port, int timeoutMs = 20000);
     // Sends the bytes as they are (the caller adds the NULs).
     void SendRaw(const QByteArray& bytes);
     void Send(const QJsonObject& message);
-    // The "dataarrival" objects received so far and not yet taken.
-    QList<QJsonObject> Arrivals();
-    // Waits up to timeoutMs until at least count arrivals are there, then takes them all.
+    // Waits up to timeoutMs until at least count documents are there, then
+    // takes them all.
+    QList<QByteArray> TakeDocuments(int count = 0, int timeoutMs = 10000);
+    // The same for "dataarrival" objects.
     QList<QJsonObject> TakeArrivals(int count, int timeoutMs = 10000);
-    // Every complete document received so far, raw, taken.
-    QList<QByteArray> TakeDocuments();
-    QTcpSocket& Socket() { return m_Socket; }
+    QTcpSocket& Socket() { return *m_Client.Socket(); }
 
 private:
-    void Read();
-
-    QTcpSocket m_Socket;
-    QByteArray m_Pending;
+    tAppClient m_Client;
     QList<QByteArray> m_Documents;
 };
+
+// units/e2e-unit.json: SD slots "left" and "right" are configured; "extra" is
+// not, so its cards fall back to the first slot's link name.
+QString E2eUnitFile();
+
+// The paths reported, sorted, each after "+" for an arrival or "-" for a removal.
+QStringList Reported(const QList<QJsonObject>& arrivals);
 
 // The envelope of an application request.
 QJsonObject AppRequest(const QString& type, const QJsonValue& content = QJsonValue::Undefined);

@@ -7,7 +7,6 @@
 
 #include "LarkdUnit.h"
 #include "PrivateMounts.h"
-#include "UnitFixture.h"
 
 #include <QElapsedTimer>
 #include <QtTest>
@@ -30,15 +29,7 @@ qint64 AnswerTime(tAppConnection& app, int count)
 
 bool WaitForCall(tLarkdUnit& unit, const QString& call, int timeoutMs)
 {
-    return QTest::qWaitFor([&] { return unit.SimulatorCalls().contains(call); }, timeoutMs);
-}
-
-QString Paths(const QList<QJsonObject>& arrivals)
-{
-    QStringList paths;
-    for (const QJsonObject& arrival : arrivals)
-        paths << arrival.value(QStringLiteral("path")).toString();
-    return paths.join(QLatin1Char(' '));
+    return QTest::qWaitFor([&] { return unit.Calls().contains(call); }, timeoutMs);
 }
 } // namespace
 
@@ -54,8 +45,6 @@ private slots:
 void tNeverWaitsTest::initTestCase()
 {
     LARKD_REQUIRE_NAMESPACE();
-    QString error;
-    QVERIFY2(PrepareUnitMachine(&error), qPrintable(error));
 }
 
 void tNeverWaitsTest::slowMountsHoldNothingUp()
@@ -63,31 +52,28 @@ void tNeverWaitsTest::slowMountsHoldNothingUp()
     tLarkdUnit unit(E2eUnitFile(), {});
     QString error;
     QVERIFY2(unit.Start(&error), qPrintable(error));
-    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
     tAppConnection app;
     QVERIFY(app.Connect(unit.Port()));
     QCOMPARE(app.TakeArrivals(1).size(), 1);
 
     // A card and a stick whose mounts the service answers 4 s late.
     QVERIFY(unit.Hold(QStringLiteral("Mount"), 4000, &error));
-    QVERIFY(WriteMediumSysfs(QStringLiteral("right"), QStringLiteral("photos")));
     QVERIFY(unit.Insert(QStringLiteral("right"), QStringLiteral("photos")));
-    QVERIFY(WriteMediumSysfs(QStringLiteral("usb"), QStringLiteral("stick")));
     QVERIFY(unit.Insert(QStringLiteral("usb"), QStringLiteral("stick")));
     QVERIFY(WaitForCall(unit, QStringLiteral("Mount-held sda1"), 5000));
     const qint64 answered = AnswerTime(app, 1);
     QVERIFY2(answered >= 0 && answered < 200, qPrintable(QString::number(answered)));
 
     // The stick goes before its mount is answered: nothing of it may stay.
-    const int exportsBefore = unit.Calls(QStringLiteral("exportfs")).size();
+    const int exportsBefore = unit.Ran(QStringLiteral("exportfs")).size();
     QVERIFY(unit.Remove(QStringLiteral("usb")));
     const QList<QJsonObject> late = app.TakeArrivals(1, 8000);
     QCOMPARE(late.size(), 1);
-    QVERIFY2(late.first().value(QStringLiteral("path")).toString().endsWith(QStringLiteral("/PHOTOS")), qPrintable(Paths(late)));
+    QVERIFY2(late.first().value(QStringLiteral("path")).toString().endsWith(QStringLiteral("/PHOTOS")), qPrintable(Reported(late).join(' ')));
     QVERIFY(WaitForCall(unit, QStringLiteral("Mount-vanished sda1"), 5000));
     QTest::qWait(300);
     QVERIFY2(app.TakeArrivals(0).isEmpty(), "the pulled stick was reported");
-    const QStringList exports = unit.Calls(QStringLiteral("exportfs")).mid(exportsBefore);
+    const QStringList exports = unit.Ran(QStringLiteral("exportfs")).mid(exportsBefore);
     QVERIFY2(!exports.join(' ').contains(QStringLiteral("STICK")), qPrintable(exports.join('\n')));
     const QStringList links = QDir(unit.Inside(QStringLiteral("/run/media"))).entryList(QDir::System | QDir::NoDotAndDotDot);
     QVERIFY2(!links.join(' ').contains(QStringLiteral("USB")), qPrintable(links.join(' ')));
@@ -115,24 +101,22 @@ void tNeverWaitsTest::slowExportfsHoldsNothingUp()
     const bool started = unit.Start(&error);
     qunsetenv("LARKD_STANDIN_SLEEP");
     QVERIFY2(started, qPrintable(error));
-    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
     tAppConnection app;
     QVERIFY(app.Connect(unit.Port()));
     QCOMPARE(app.TakeArrivals(1).size(), 1);
-    QVERIFY(WriteMediumSysfs(QStringLiteral("right"), QStringLiteral("photos")));
     QVERIFY(unit.Insert(QStringLiteral("right"), QStringLiteral("photos")));
     QCOMPARE(app.TakeArrivals(1, 2000).size(), 1);
     QVERIFY(unit.Remove(QStringLiteral("right")));
     QCOMPARE(app.TakeArrivals(1, 2000).size(), 1);
     // Commands are still queued behind the sleeping one.
-    QVERIFY(unit.Calls(QStringLiteral("exportfs")).size() < 4);
+    QVERIFY(unit.Ran(QStringLiteral("exportfs")).size() < 4);
     const qint64 answered = AnswerTime(app, 1);
     QVERIFY2(answered >= 0 && answered < 200, qPrintable(QString::number(answered)));
 
     // They all ran, one after another, in the order they were asked for.
-    QTRY_COMPARE_WITH_TIMEOUT(unit.Calls(QStringLiteral("exportfs")).size(), 4, 15000);
+    QTRY_COMPARE_WITH_TIMEOUT(unit.Ran(QStringLiteral("exportfs")).size(), 4, 15000);
     const QString options = QStringLiteral("-o\tro,no_root_squash,no_subtree_check\t*:");
-    QCOMPARE(unit.Calls(QStringLiteral("exportfs")),
+    QCOMPARE(unit.Ran(QStringLiteral("exportfs")),
              QStringList({options + "/srv/charts", options + "/run/media/CHARTS", options + "/run/media/PHOTOS",
                           "-u\t*:/run/media/PHOTOS"}));
 }

@@ -6,7 +6,6 @@
 #include "DaemonProcess.h"
 #include "LarkdUnit.h"
 #include "PrivateMounts.h"
-#include "UnitFixture.h"
 #include "daemon/AppRequest.h"
 
 #include <QRegularExpression>
@@ -45,8 +44,6 @@ void tProtocolDocTest::initTestCase()
     QVERIFY2(document.open(QIODevice::ReadOnly), qPrintable(document.fileName()));
     m_Document = document.readAll();
     LARKD_REQUIRE_NAMESPACE();
-    QString error;
-    QVERIFY2(PrepareUnitMachine(&error), qPrintable(error));
     for (const auto& [name, word] : {std::pair{"content-id", "CHARTS-2024.2"}, std::pair{"serial", "SN-0042"}}) {
         QFile file(m_Files.filePath(name));
         QVERIFY(file.open(QIODevice::WriteOnly) && file.write(QByteArray(word) + '\n') > 0);
@@ -76,7 +73,6 @@ void tProtocolDocTest::examplesAreWhatLarkdSends()
                                     QStringLiteral("--serial-number-file"), m_Files.filePath("serial")});
     QString error;
     QVERIFY2(unit.Start(&error), qPrintable(error));
-    QVERIFY(unit.WaitForMountPoint(QStringLiteral("mmcblk0p1")));
     tAppConnection app;
     QList<QByteArray> got;
     auto take = [&app](int count) {
@@ -90,7 +86,6 @@ void tProtocolDocTest::examplesAreWhatLarkdSends()
     // The card present at start, then a stick put in and pulled out.
     QVERIFY(app.Connect(unit.Port()));
     got += take(1);
-    QVERIFY(WriteMediumSysfs(QStringLiteral("usb"), QStringLiteral("stick")));
     QVERIFY(unit.Insert(QStringLiteral("usb"), QStringLiteral("stick")));
     got += take(1);
     const QByteArray enquiry = requests.value(0);

@@ -12,7 +12,7 @@
 # why) when this machine cannot run the real service: not root, udisks2 or udev
 # not installed, or udisksd not coming up.
 set -euo pipefail
-. "$(dirname "$0")/private-bus.sh"
+. "$(dirname "$0")/../../tools/unit/private-bus.sh"
 
 skip() {
     echo "SKIP: with-real-udisks: $*" >&2

@@ -8,7 +8,7 @@
 # and stops both afterwards, whatever COMMAND does. Exits with COMMAND's status.
 # The simulator is UDISKS2_SIM_BINARY, else udisks2-sim on PATH, else the one in build/.
 set -euo pipefail
-. "$(dirname "$0")/private-bus.sh"
+. "$(dirname "$0")/../../tools/unit/private-bus.sh"
 if [ $# -lt 2 ]; then
     echo "usage: $0 UNITFILE COMMAND [ARG...]" >&2
     exit 2

@@ -5,7 +5,7 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
-// The exportfs stand-in (tests/scripts/standins) first on PATH, recording each
+// The exportfs stand-in (tools/unit/standins) first on PATH, recording each
 // invocation as one line of tab-separated arguments.
 class tExportfsRecord
 {

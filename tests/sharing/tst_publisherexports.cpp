@@ -84,7 +84,7 @@ private:
 void tPublisherExportsTest::initTestCase()
 {
     QVERIFY(m_Dir.isValid());
-    m_Record.reset(new tExportfsRecord(m_Dir, qEnvironmentVariable("LARKD_TEST_SCRIPTS") + QStringLiteral("/standins")));
+    m_Record.reset(new tExportfsRecord(m_Dir, qEnvironmentVariable("LARKD_UNIT_TOOLS") + QStringLiteral("/standins")));
 }
 
 void tPublisherExportsTest::init()

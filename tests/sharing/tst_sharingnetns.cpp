@@ -177,7 +177,7 @@ void tSharingNetnsTest::initTestCase()
     if (!unavailable.isEmpty())
         QSKIP(qPrintable(QStringLiteral("network namespace test: ") + unavailable));
     QVERIFY(m_Dir.isValid());
-    m_Record.reset(new tExportfsRecord(m_Dir, qEnvironmentVariable("LARKD_TEST_SCRIPTS") + QStringLiteral("/standins")));
+    m_Record.reset(new tExportfsRecord(m_Dir, qEnvironmentVariable("LARKD_UNIT_TOOLS") + QStringLiteral("/standins")));
     m_Pair.reset(new tNetnsPair);
     QVERIFY2(m_Pair->Error().isEmpty(), qPrintable(m_Pair->Error()));
     QVERIFY(m_Pair->Enter(m_Pair->NamespaceB()));

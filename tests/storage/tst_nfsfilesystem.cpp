@@ -1,5 +1,5 @@
 // A peer's share mounted through the system's mount tools, here the
-// recording stand-ins for mount, umount and mountpoint (tests/scripts/standins)
+// recording stand-ins for mount, umount and mountpoint (tools/unit/standins)
 // first on PATH; they only make directories, nothing is really mounted. What
 // the two-unit stories do not reach: a remount's check, a refused mount next
 // to a directory that was there before, and a mount past its time-out.
@@ -44,7 +44,7 @@ private:
 
 void tNfsFileSystemTest::initTestCase()
 {
-    const QString standins = qEnvironmentVariable("LARKD_TEST_SCRIPTS") + QStringLiteral("/standins");
+    const QString standins = qEnvironmentVariable("LARKD_UNIT_TOOLS") + QStringLiteral("/standins");
     qputenv("PATH", (standins + QLatin1Char(':') + qEnvironmentVariable("PATH")).toLocal8Bit());
     qputenv("LARKD_RECORD_FILE", m_Dir.filePath(QStringLiteral("calls")).toLocal8Bit());
     qputenv("LARKD_MOUNT_REFUSED", m_Dir.filePath(QStringLiteral("refused")).toLocal8Bit());

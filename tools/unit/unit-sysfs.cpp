@@ -3,7 +3,7 @@
 // media in them, under ROOT (without SLOTs: every slot, with the media the
 // unit starts with): the same tree the end-to-end tests lay, for
 // scripts that run a unit in a private mount namespace with a tmpfs on /sys
-// (tests/scripts/larkd-unit.sh, scripts/run.sh).
+// (larkd-unit.sh, scripts/run.sh).
 
 #include "UnitDescription.h"
 #include "UnitSysfs.h"

@@ -1,15 +1,18 @@
-# Sourced by the test scripts: start_private_bus DIR
-# Starts a dbus-daemon that lets everyone do everything, listening on
-# DIR/bus.socket and killed with the calling shell; sets bus_pid and exports
-# DBUS_SYSTEM_BUS_ADDRESS. Returns 1 if the daemon does not come up.
-start_private_bus() {
-    local dir=$1
-    cat >"$dir/bus.conf" <<CONF
+#!/usr/bin/env bash
+# A dbus-daemon that lets everyone do everything, so that a unit, a test or a
+# script never shares a bus and nothing needs the machine's system bus.
+#   private-bus.sh DIR    runs it, listening on DIR/bus.socket; prints its
+#                         address on stdout once it serves; ends when killed
+# Sourced, start_private_bus DIR starts it in the background, killed with the
+# calling shell; sets bus_pid and exports DBUS_SYSTEM_BUS_ADDRESS. Returns 1
+# if the daemon does not come up.
+private_bus_config() {
+    cat >"$1/bus.conf" <<CONF
 <!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig>
   <type>system</type>
-  <listen>unix:path=$dir/bus.socket</listen>
+  <listen>unix:path=$1/bus.socket</listen>
   <auth>EXTERNAL</auth>
   <policy context="default">
     <allow user="*"/> <allow own="*"/>
@@ -20,6 +23,11 @@ start_private_bus() {
   </policy>
 </busconfig>
 CONF
+}
+
+start_private_bus() {
+    local dir=$1
+    private_bus_config "$dir"
     # Its only complaint as root is about the fd limit.
     setpriv --pdeathsig KILL -- dbus-daemon --config-file="$dir/bus.conf" --nofork \
         --print-address=3 3>"$dir/bus.address" 2>/dev/null &
@@ -32,3 +40,9 @@ CONF
     export DBUS_SYSTEM_BUS_ADDRESS
     [ -n "$DBUS_SYSTEM_BUS_ADDRESS" ]
 }
+
+if [ "${BASH_SOURCE[0]}" = "$0" ]; then
+    [ $# -eq 1 ] || { echo "usage: $0 DIR" >&2; exit 2; }
+    private_bus_config "$1"
+    exec dbus-daemon --config-file="$1/bus.conf" --nofork --print-address 2>/dev/null
+fi

@@ -15,6 +15,8 @@
 # whenever it is killed (SIGKILL), as the unit's service manager restarts it;
 # bus and simulator stay. Its process id is then in STATEDIR/larkd.pid, and
 # SIGTERM to the caller's process id reaches larkd.
+# With LARKD_UNIT_SYSLOG=SOCKET larkd logs to syslog(3), its /dev/log being
+# the Unix datagram socket SOCKET.
 # With LARKD_UNIT_SYSFS (the unit-sysfs tool of the build) the unit is laid
 # out as it looks on the device, on fresh tmpfs over /sys, /dev and
 # /run/corvex_platform: the sysfs of its slots and of the media present at
@@ -76,6 +78,12 @@ if [ -n "${LARKD_UNIT_SYSFS:-}" ]; then
     # libudev reads a sysfs that is not the kernel's only when told to.
     export SYSTEMD_DEVICE_VERIFY_SYSFS=0
 fi
+if [ -n "${LARKD_UNIT_SYSLOG:-}" ]; then
+    # Bound over the machine's /dev/log in this namespace only; made only in
+    # a /dev of the unit's own.
+    [ -e /dev/log ] || { [ -n "${LARKD_UNIT_SYSFS:-}" ] && touch /dev/log; }
+    mount --bind "$LARKD_UNIT_SYSLOG" /dev/log
+fi
 
 start_private_bus "$state" || { echo "larkd-unit: dbus-daemon did not start" >&2; exit 1; }
 
@@ -92,7 +100,6 @@ mv "$state/bus.new" "$state/bus"
 export PATH="$here/standins:$PATH"
 export LARKD_RECORD_FILE="$state/calls" LARKD_STANDIN_TMPFS=1
 : >"$LARKD_RECORD_FILE"
-# LARKD_UNIT_SYSLOG=1 leaves larkd's log to syslog(3), read from /dev/log by the caller.
 [ -n "${LARKD_UNIT_SYSLOG:-}" ] || set -- --disable-syslog "$@"
 [ -n "${LARKD_UNIT_RESTART:-}" ] || exec "$larkd" "$@"
 
