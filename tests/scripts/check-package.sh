@@ -31,15 +31,15 @@ dpkg-deb -x "$larkd" "$extract/larkd"
 dpkg-deb -x "$client" "$extract/client"
 for binary in "$extract/larkd/usr/sbin/larkd" "$extract/client/usr/bin/larkd-client"; do
     for soname in $(objdump -p "$binary" | awk '$1 == "NEEDED" { print $2 }'); do
-        library=$(ldconfig -p | awk -v soname="$soname" '$1 == soname { print $NF; exit }')
+        library=$(ldconfig -p | awk -v soname="$soname" '$1 == soname && !found { print $NF; found = 1 }')
         owner=$(dpkg -S "$(realpath "$library")" 2>/dev/null | head -n1 | cut -d: -f1) ||
             owner=$(dpkg -S "$library" | head -n1 | cut -d: -f1)
         package=$([ "$binary" = "$extract/larkd/usr/sbin/larkd" ] && echo "$larkd" || echo "$client")
-        depends "$package" | grep -qx "$owner" || fail "$(basename "$package") loads $soname ($owner) but does not depend on it"
+        depends "$package" | grep -x "$owner" >/dev/null || fail "$(basename "$package") loads $soname ($owner) but does not depend on it"
     done
 done
 echo "check-package: larkd depends on $(echo $names)"
-dpkg-deb --ctrl-tarfile "$larkd" | tar -xO ./conffiles | grep -qx /etc/default/larkd || fail "/etc/default/larkd is not a conffile"
+dpkg-deb --ctrl-tarfile "$larkd" | tar -xO ./conffiles | grep -x /etc/default/larkd >/dev/null || fail "/etc/default/larkd is not a conffile"
 grep -qx 'ExecStart=/usr/sbin/larkd $LARKD_OPTIONS' "$extract/larkd/lib/systemd/system/larkd.service" ||
     fail "larkd.service does not start /usr/sbin/larkd"
 
