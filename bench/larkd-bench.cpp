@@ -33,7 +33,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <ctime>
+#include <chrono>
 #include <functional>
 
 #include <arpa/inet.h>
@@ -47,9 +47,8 @@ const char* const cExecStamped = "--exec-stamped";
 
 double NowMs()
 {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return double(now.tv_sec) * 1e3 + double(now.tv_nsec) / 1e6;
+    // The steady clock is CLOCK_MONOTONIC, the simulator's clock too.
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 QString Env(const char* name, const char* fallback)

@@ -8,7 +8,7 @@
 #include <QRegularExpression>
 #include <QTimer>
 
-#include <ctime>
+#include <chrono>
 
 namespace
 {
@@ -56,9 +56,8 @@ quint64 Microseconds()
 // set its own moments beside the simulator's.
 qint64 MonotonicNs()
 {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return qint64(now.tv_sec) * 1000000000 + now.tv_nsec;
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
 }
 
 // What blkid reports of a filesystem, as udisksd puts it on its block.
