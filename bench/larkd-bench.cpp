@@ -11,11 +11,12 @@
 // simulator's timeline gives when a medium went in and when Mount came; this
 // process gives when a client received a message and when larkd listened.
 
+#include "AppClient.h"
+#include "LarkdUnit.h"
 #include "SimulatedUnit.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
-#include <QDBusConnection>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -24,21 +25,14 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
-#include <QTcpServer>
-#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTest>
-#include <QThread>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <chrono>
 #include <functional>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 namespace
@@ -149,27 +143,6 @@ qint64 RssAnonKb(qint64 pid)
     return -1;
 }
 
-quint16 FreePort()
-{
-    QTcpServer probe;
-    probe.listen(QHostAddress::LocalHost, 0);
-    return probe.serverPort();
-}
-
-// True once something accepts connections on the loopback port. A refused
-// connect costs microseconds, so polling it barely disturbs a start-up.
-bool Accepts(quint16 port)
-{
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const bool connected = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    ::close(fd);
-    return connected;
-}
-
 // A unit with count USB sticks present at start, one vfat partition each,
 // named as the kernel names the first SCSI disks (sda..sdz, sdaa..).
 QByteArray UnitWithSticks(int count)
@@ -207,7 +180,7 @@ QByteArray UnitWithSticks(int count)
 }
 
 // The display application's end: every "dataarrival" with the moment its
-// last byte was read.
+// document was whole.
 class tBenchClient
 {
 public:
@@ -220,14 +193,19 @@ public:
 
     bool Connect(quint16 port)
     {
-        QObject::connect(&m_Socket, &QTcpSocket::readyRead, [this] { Read(); });
-        m_Socket.connectToHost(QHostAddress::LocalHost, port);
-        return m_Socket.waitForConnected(5000);
+        QObject::connect(&m_Client, &tAppClient::MessageReceived, [this](const QByteArray& document) {
+            const QJsonObject arrival = QJsonDocument::fromJson(document)["message"]["content"]["dataarrival"].toObject();
+            if (!arrival.isEmpty())
+                m_Arrivals << tArrival{NowMs(), arrival.value(QStringLiteral("path")).toString(),
+                                       arrival.value(QStringLiteral("friendlyname")).isNull()};
+        });
+        m_Client.ConnectTo(QStringLiteral("127.0.0.1"), port);
+        return m_Client.Socket()->waitForConnected(5000);
     }
     // Waits for the next arrival (removal: its removal form) and takes it.
     bool Take(bool removal, tArrival* arrival, int timeoutMs = 10000)
     {
-        const bool found = WaitUntil(
+        return WaitUntil(
             [&] {
                 while (!m_Arrivals.isEmpty()) {
                     *arrival = m_Arrivals.takeFirst();
@@ -237,57 +215,27 @@ public:
                 return false;
             },
             timeoutMs);
-        return found;
     }
 
 private:
-    void Read()
-    {
-        const double now = NowMs();
-        m_Pending += m_Socket.readAll();
-        int end;
-        while ((end = m_Pending.indexOf('\0')) >= 0) {
-            const QJsonObject message = QJsonDocument::fromJson(m_Pending.left(end)).object().value(QStringLiteral("message")).toObject();
-            m_Pending.remove(0, end + 1);
-            const QJsonObject arrival =
-                message.value(QStringLiteral("content")).toObject().value(QStringLiteral("dataarrival")).toObject();
-            if (!arrival.isEmpty())
-                m_Arrivals << tArrival{now, arrival.value(QStringLiteral("path")).toString(),
-                                       arrival.value(QStringLiteral("friendlyname")).isNull()};
-        }
-    }
-
-    QTcpSocket m_Socket;
-    QByteArray m_Pending;
+    tAppClient m_Client;
     QList<tArrival> m_Arrivals;
 };
 
-// larkd in tools/unit/larkd-unit.sh, started through this program's
-// --exec-stamped mode so that the moment of its exec is known.
-class tBenchUnit : public tSimulatorControl
+// The tests' unit, its larkd started through this program's --exec-stamped
+// mode so that the moment of its exec is known, and logging as on a device.
+class tBenchUnit : public tLarkdUnit
 {
 public:
     tBenchUnit(const QString& unitFile, const QStringList& larkdOptions)
-        : m_UnitFile(unitFile)
-        , m_Options(larkdOptions)
+        : tLarkdUnit(unitFile, larkdOptions)
     {
+        SetEnvironment(QStringLiteral("QT_LOGGING_RULES"), QString());
     }
-    ~tBenchUnit()
-    {
-        Stop();
-        // Bus and simulator end just after larkd and may still write here.
-        QElapsedTimer clock;
-        clock.start();
-        while (!m_State.remove() && !clock.hasExpired(3000))
-            QThread::msleep(50);
-    }
-    tBenchUnit(const tBenchUnit&) = delete;
-    tBenchUnit& operator=(const tBenchUnit&) = delete;
 
     bool Start(QString* error)
     {
-        m_Port = FreePort();
-        const QString wrapper = m_State.filePath(QStringLiteral("larkd"));
+        const QString wrapper = m_Stamp.filePath(QStringLiteral("larkd"));
         QFile script(wrapper);
         if (!script.open(QIODevice::WriteOnly)) {
             *error = QStringLiteral("cannot write ") + wrapper;
@@ -295,44 +243,15 @@ public:
         }
         script.write(QStringLiteral("#!/bin/sh\nexec '%1' %2 '%3' '%4' \"$@\"\n")
                          .arg(QCoreApplication::applicationFilePath(), QLatin1String(cExecStamped),
-                              m_State.filePath(QStringLiteral("started")), LarkdBinary())
+                              m_Stamp.filePath(QStringLiteral("started")), LarkdBinary())
                          .toUtf8());
         script.close();
         script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("LARKD_BINARY"), wrapper);
-        m_Process.setProcessEnvironment(environment);
-        m_Process.setProcessChannelMode(QProcess::MergedChannels);
-        m_Process.setStandardOutputFile(m_State.filePath(QStringLiteral("larkd.log")));
-        m_Process.start(UnitTool(QStringLiteral("larkd-unit.sh")),
-                        QStringList{m_State.path(), m_UnitFile, QStringLiteral("--port"), QString::number(m_Port)} + m_Options);
-        const QString started = m_State.filePath(QStringLiteral("started"));
-        if (!m_Process.waitForStarted(10000)
-            || !WaitUntil([&] { return QFile::exists(started) || m_Process.state() == QProcess::NotRunning; }, 30000)
-            || !QFile::exists(started)) {
-            *error = QStringLiteral("larkd did not start: ") + Log();
+        SetEnvironment(QStringLiteral("LARKD_BINARY"), wrapper);
+        if (!tLarkdUnit::Start(error))
             return false;
-        }
-        QElapsedTimer clock;
-        clock.start();
-        while (!Accepts(m_Port)) {
-            if (m_Process.state() == QProcess::NotRunning || clock.hasExpired(60000)) {
-                *error = QStringLiteral("larkd does not listen: ") + Log();
-                return false;
-            }
-            ::usleep(500);
-        }
         m_ListeningMs = NowMs();
-        m_StartedMs = ReadFile(started).toDouble();
-
-        const QString address = ReadFile(m_State.filePath(QStringLiteral("bus"))).trimmed();
-        m_BusName = QStringLiteral("bench-unit-") + QString::number(quintptr(this));
-        SetControlBus(QDBusConnection::connectToBus(address, m_BusName));
-        if (!QDBusConnection(m_BusName).isConnected()) {
-            *error = QStringLiteral("cannot reach the unit's bus at ") + address;
-            return false;
-        }
+        m_StartedMs = ReadFile(m_Stamp.filePath(QStringLiteral("started"))).toDouble();
         return true;
     }
 
@@ -340,7 +259,7 @@ public:
     // was added since the last call.
     int Unexports()
     {
-        QFile calls(m_State.filePath(QStringLiteral("calls")));
+        QFile calls(CallsFile());
         if (calls.open(QIODevice::ReadOnly) && calls.seek(m_CallsRead)) {
             QByteArray added = m_CallsTail + calls.readAll();
             m_CallsRead = calls.pos();
@@ -351,31 +270,14 @@ public:
         return m_Unexports;
     }
 
-    void Stop()
-    {
-        if (m_Process.state() != QProcess::NotRunning) {
-            ::kill(pid_t(m_Process.processId()), SIGTERM);
-            if (!m_Process.waitForFinished(10000)) {
-                m_Process.kill();
-                m_Process.waitForFinished(5000);
-            }
-        }
-        if (!m_BusName.isEmpty())
-            QDBusConnection::disconnectFromBus(m_BusName);
-        m_BusName.clear();
-    }
-
-    quint16 Port() const { return m_Port; }
-    qint64 Pid() const { return m_Process.processId(); }
+    // Without waiting for the service's clean-up: the rounds wait for what they need.
+    bool Remove(const QString& slot, QString* error) { return tSimulatorControl::Remove(slot, error); }
+    qint64 Pid() { return Process().processId(); }
     double StartedMs() const { return m_StartedMs; }
     double ListeningMs() const { return m_ListeningMs; }
-
     QList<tEvent> Events() { return ParseTimeline(Timeline()); }
     // The end of larkd's console output, for a failure's report.
-    QString Log() const
-    {
-        return QString::fromLocal8Bit(ReadFile(m_State.filePath(QStringLiteral("larkd.log"))).right(2000));
-    }
+    QString Log() { return QString::fromLocal8Bit(tLarkdUnit::Log().right(2000)); }
 
 private:
     static QByteArray ReadFile(const QString& path)
@@ -384,12 +286,7 @@ private:
         return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     }
 
-    QString m_UnitFile;
-    QStringList m_Options;
-    QTemporaryDir m_State;
-    QProcess m_Process;
-    quint16 m_Port = 0;
-    QString m_BusName;
+    QTemporaryDir m_Stamp;
     double m_StartedMs = 0;
     double m_ListeningMs = 0;
     qint64 m_CallsRead = 0;

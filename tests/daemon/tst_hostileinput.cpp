@@ -5,7 +5,7 @@
 // a use after free fails there even where it would not crash here.
 
 #include "DaemonProcess.h"
-#include "LarkdUnit.h"
+#include "AppConnection.h"
 #include "LogSink.h"
 #include "PrivateMounts.h"
 

@@ -4,7 +4,7 @@
 // stand-in.
 
 #include "DaemonProcess.h"
-#include "LarkdUnit.h"
+#include "AppConnection.h"
 #include "PrivateMounts.h"
 #include "storage/CidWithCrc.h"
 

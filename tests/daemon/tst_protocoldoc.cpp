@@ -4,7 +4,7 @@
 // prints what the document says it prints.
 
 #include "DaemonProcess.h"
-#include "LarkdUnit.h"
+#include "AppConnection.h"
 #include "PrivateMounts.h"
 #include "daemon/AppRequest.h"
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "AppClient.h"
 #include "SimulatorControl.h"
 
 #include <QJsonObject>
@@ -14,6 +13,7 @@
 // with SIGTERM when the object goes. With LARKD_UNIT_RESTART=1 in the
 // environment at Start(), larkd is restarted whenever it is killed, as its
 // service manager does, and Process() is the script that restarts it.
+// Shared by the end-to-end tests and the bench.
 class tLarkdUnit : public tSimulatorControl
 {
 public:
@@ -24,11 +24,14 @@ public:
     tLarkdUnit(const tLarkdUnit&) = delete;
     tLarkdUnit& operator=(const tLarkdUnit&) = delete;
 
+    // For larkd-unit.sh and larkd (e.g. LARKD_UNIT_RESTART), before Start().
+    void SetEnvironment(const QString& name, const QString& value);
     // Starts the unit and waits until the simulator serves and larkd listens.
     bool Start(QString* error);
     // SIGTERM; true when larkd then exits normally with status 0.
     bool Stop();
-    // As on the device, the medium's sysfs is there before the service hears of it.
+    // As on the device, the medium's sysfs (with LARKD_UNIT_SYSFS) is there
+    // before the service hears of it.
     bool Insert(const QString& slot, const QString& medium, QString* error = nullptr);
     // Also waits (at most 1.5 s) until the service has removed the medium's
     // mount directory, as it does a moment after the medium: sooner, the same
@@ -39,6 +42,8 @@ public:
     quint16 Port() const { return m_Port; }
     // The stand-ins' calls of one program, each as its tab-joined arguments.
     QStringList Ran(const QString& program) const;
+    // Where the stand-ins record their calls, one a line.
+    QString CallsFile() const;
     // larkd's console log so far.
     QByteArray Log();
     // larkd's mount table (/proc/PID/mounts).
@@ -59,36 +64,3 @@ private:
     QString m_BusName;
     QByteArray m_Log;
 };
-
-// The display application: the client's connection, keeping what arrives.
-class tAppConnection
-{
-public:
-    tAppConnection();
-    // Connects as soon as something listens on port: before larkd's start-up
-    // scan is done, the connection waits in the listen queue.
-    bool Connect(quint16 port, int timeoutMs = 20000);
-    // Sends the bytes as they are (the caller adds the NULs).
-    void SendRaw(const QByteArray& bytes);
-    void Send(const QJsonObject& message);
-    // Waits up to timeoutMs until at least count documents are there, then
-    // takes them all.
-    QList<QByteArray> TakeDocuments(int count = 0, int timeoutMs = 10000);
-    // The same for "dataarrival" objects.
-    QList<QJsonObject> TakeArrivals(int count, int timeoutMs = 10000);
-    QTcpSocket& Socket() { return *m_Client.Socket(); }
-
-private:
-    tAppClient m_Client;
-    QList<QByteArray> m_Documents;
-};
-
-// units/e2e-unit.json: SD slots "left" and "right" are configured; "extra" is
-// not, so its cards fall back to the first slot's link name.
-QString E2eUnitFile();
-
-// The paths reported, sorted, each after "+" for an arrival or "-" for a removal.
-QStringList Reported(const QList<QJsonObject>& arrivals);
-
-// The envelope of an application request.
-QJsonObject AppRequest(const QString& type, const QJsonValue& content = QJsonValue::Undefined);

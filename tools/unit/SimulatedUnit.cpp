@@ -1,6 +1,6 @@
 #include "SimulatedUnit.h"
 
-#include "DaemonProcess.h"
+#include "UnitProcesses.h"
 #include "SimNames.h"
 
 #include <QDBusConnectionInterface>

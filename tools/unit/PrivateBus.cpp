@@ -1,6 +1,6 @@
 #include "PrivateBus.h"
 
-#include "DaemonProcess.h"
+#include "UnitProcesses.h"
 
 #include <QDir>
 

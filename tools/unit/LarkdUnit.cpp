@@ -1,6 +1,6 @@
 #include "LarkdUnit.h"
 
-#include "DaemonProcess.h"
+#include "UnitProcesses.h"
 #include "PrivateBus.h"
 
 #include <QDir>
@@ -56,6 +56,13 @@ tLarkdUnit::~tLarkdUnit()
         QThread::msleep(50);
 }
 
+void tLarkdUnit::SetEnvironment(const QString& name, const QString& value)
+{
+    QProcessEnvironment environment = m_Process.processEnvironment();
+    environment.insert(name, value);
+    m_Process.setProcessEnvironment(environment);
+}
+
 bool tLarkdUnit::Start(QString* error)
 {
     QStringList arguments{m_State.path(), m_UnitFile};
@@ -75,7 +82,7 @@ bool tLarkdUnit::Start(QString* error)
             *error = QStringLiteral("the unit did not come up: ") + QString::fromLocal8Bit(Log());
             return false;
         }
-        QTest::qWait(20);
+        QTest::qWait(2);
     }
     QFile file(busFile);
     file.open(QIODevice::ReadOnly);
@@ -93,9 +100,11 @@ bool tLarkdUnit::Stop()
 
 bool tLarkdUnit::Insert(const QString& slot, const QString& medium, QString* error)
 {
-    const tFinishedProcess sysfs = RunToEnd(QStringLiteral("nsenter"),
-        {QStringLiteral("--mount"), QStringLiteral("--target"), QString::number(m_Process.processId()),
-         qEnvironmentVariable("LARKD_UNIT_SYSFS"), QStringLiteral("/sys"), m_UnitFile, slot + QLatin1Char('=') + medium});
+    const QString unitSysfs = m_Process.processEnvironment().value(QStringLiteral("LARKD_UNIT_SYSFS"));
+    const tFinishedProcess sysfs = unitSysfs.isEmpty() ? tFinishedProcess{0, QProcess::NormalExit, {}, {}}
+        : RunToEnd(QStringLiteral("nsenter"), {QStringLiteral("--mount"), QStringLiteral("--target"),
+                   QString::number(m_Process.processId()), unitSysfs, QStringLiteral("/sys"), m_UnitFile,
+                   slot + QLatin1Char('=') + medium});
     if (sysfs.exitCode != 0) {
         if (error)
             *error = QString::fromLocal8Bit(sysfs.err);
@@ -119,9 +128,14 @@ bool tLarkdUnit::Remove(const QString& slot, QString* error)
     return true;
 }
 
+QString tLarkdUnit::CallsFile() const
+{
+    return m_State.filePath(QStringLiteral("calls"));
+}
+
 QStringList tLarkdUnit::Ran(const QString& program) const
 {
-    QFile file(m_State.filePath(QStringLiteral("calls")));
+    QFile file(CallsFile());
     if (!file.open(QIODevice::ReadOnly))
         return {};
     QStringList calls;
@@ -176,77 +190,4 @@ bool tLarkdUnit::KillAndAwaitRestart(QString* error)
 QString tLarkdUnit::Inside(const QString& path) const
 {
     return QStringLiteral("/proc/%1/root%2").arg(m_Process.processId()).arg(path);
-}
-
-tAppConnection::tAppConnection()
-{
-    QObject::connect(&m_Client, &tAppClient::MessageReceived, [this](const QByteArray& document) { m_Documents << document; });
-}
-
-bool tAppConnection::Connect(quint16 port, int timeoutMs)
-{
-    QElapsedTimer clock;
-    clock.start();
-    for (;;) {
-        m_Client.ConnectTo(QStringLiteral("127.0.0.1"), port);
-        if (Socket().waitForConnected(5000))
-            return true;
-        Socket().abort();
-        if (clock.hasExpired(timeoutMs))
-            return false;
-        QThread::msleep(2);
-    }
-}
-
-void tAppConnection::SendRaw(const QByteArray& bytes)
-{
-    Socket().write(bytes);
-    Socket().flush();
-}
-
-void tAppConnection::Send(const QJsonObject& message)
-{
-    m_Client.Send(QJsonDocument(message));
-}
-
-QList<QByteArray> tAppConnection::TakeDocuments(int count, int timeoutMs)
-{
-    (void)QTest::qWaitFor([&] { return m_Documents.size() >= count; }, count ? timeoutMs : 0);
-    QCoreApplication::processEvents();
-    QList<QByteArray> documents;
-    documents.swap(m_Documents);
-    return documents;
-}
-
-QList<QJsonObject> tAppConnection::TakeArrivals(int count, int timeoutMs)
-{
-    QList<QJsonObject> arrivals;
-    for (const QByteArray& document : TakeDocuments(count, timeoutMs)) {
-        const QJsonObject message = QJsonDocument::fromJson(document).object().value(QStringLiteral("message")).toObject();
-        arrivals << message.value(QStringLiteral("content")).toObject().value(QStringLiteral("dataarrival")).toObject();
-    }
-    return arrivals;
-}
-
-QString E2eUnitFile()
-{
-    return qEnvironmentVariable("LARKD_DAEMON_UNITS") + QStringLiteral("/e2e-unit.json");
-}
-
-QStringList Reported(const QList<QJsonObject>& arrivals)
-{
-    QStringList paths;
-    for (const QJsonObject& arrival : arrivals)
-        paths << (arrival.value(QStringLiteral("type")).isNull() ? QStringLiteral("-") : QStringLiteral("+"))
-                     + arrival.value(QStringLiteral("path")).toString();
-    paths.sort();
-    return paths;
-}
-
-QJsonObject AppRequest(const QString& type, const QJsonValue& content)
-{
-    QJsonObject message{{QStringLiteral("type"), type}};
-    if (!content.isUndefined())
-        message.insert(QStringLiteral("content"), content);
-    return QJsonObject{{QStringLiteral("message"), message}};
 }
