@@ -9,21 +9,15 @@ after a clean stop, a hang caught by the watchdog and SIGKILL.
 
 import os
 import sys
-import time
 
 sys.dont_write_bytecode = True  # nothing written into the source tree
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools", "lab"))
-from lab import Lab, LabError, free_loopback_port, log, make_vfat_image  # noqa: E402
+from lab import Lab, Timings, expect, free_loopback_port, log, run_scenario  # noqa: E402
 from unit import Unit, crc7_key, is_removal  # noqa: E402
 
 VFAT_OPTS = "flush,utf8,shortname=mixed"
 CARD_DEV, STICK_DEV = "/dev/mmcblk0p1", "/dev/sda1"
 OPTIONS = "--vfat %s --peer-mac 52:54:00:00:00:0b --code-name lab" % VFAT_OPTS
-
-
-def expect(condition, text):
-    if not condition:
-        raise LabError(text)
 
 
 def check_card_arrival(u, volume):
@@ -99,110 +93,97 @@ def check_restored(u, card_path, stick_path, when):
 
 
 def main(build_dir):
-    times = {}
+    times = Timings()
     with Lab(build_dir) as lab:
-        card = lab.path("card.img")
-        stick = lab.path("stick.img")
-        make_vfat_image(card, "LABCARD", {"chart.txt": "card chart\n"})
-        make_vfat_image(stick, "LABSTICK", {"route.txt": "stick route\n"})
+        card, stick = lab.card_and_stick()
         m = lab.machine("unit", mac="52:54:00:00:00:0a", net=("listen", free_loopback_port()),
                         sd=card, usb=stick)
         m.start()
         times["boot"] = m.wait_ready()
+        # The lab's own part: udisks2 sees both media.
+        m.wait_for("udisksctl info -b /dev/mmcblk0p1 | grep -q LABCARD", "udisks2's card", 60)
+        m.wait_for("udisksctl info -b /dev/sda1 | grep -q LABSTICK", "udisks2's stick", 60)
         u = Unit(m)
         u.setup("169.254.10.1")
 
-        started = time.monotonic()
-        u.start_larkd(OPTIONS, volumes=2)
-        card_path = check_card_arrival(u, u.wait_volume(lambda v: v["type"] == "memorycard",
-                                                        "the card present at boot"))
-        u.seen = 0
-        stick_path = check_stick_arrival(u, u.wait_volume(lambda v: v["type"] == "harddrive",
-                                                          "the stick present at boot"))
-        times["at boot"] = time.monotonic() - started
+        with times.step("at boot"):
+            u.start_larkd(OPTIONS, volumes=2)
+            card_path = check_card_arrival(u, u.wait_volume(lambda v: v["type"] == "memorycard",
+                                                            "the card present at boot"))
+            u.seen = 0
+            stick_path = check_stick_arrival(u, u.wait_volume(lambda v: v["type"] == "harddrive",
+                                                              "the stick present at boot"))
 
-        started = time.monotonic()
-        m.pull_card()
-        check_removal(u, card_path, CARD_DEV, "card")
-        m.insert_card()
-        card_path = check_card_arrival(u, u.wait_volume(lambda v: v["type"] == "memorycard",
-                                                        "the re-inserted card"))
-        m.pull_stick()
-        check_removal(u, stick_path, STICK_DEV, "stick")
-        m.insert_stick()
-        stick_path = check_stick_arrival(u, u.wait_volume(lambda v: v["type"] == "harddrive",
-                                                          "the re-inserted stick"))
-        times["hot-plug"] = time.monotonic() - started
+        with times.step("hot-plug"):
+            m.pull_card()
+            check_removal(u, card_path, CARD_DEV, "card")
+            m.insert_card()
+            card_path = check_card_arrival(u, u.wait_volume(lambda v: v["type"] == "memorycard",
+                                                            "the re-inserted card"))
+            m.pull_stick()
+            check_removal(u, stick_path, STICK_DEV, "stick")
+            m.insert_stick()
+            stick_path = check_stick_arrival(u, u.wait_volume(lambda v: v["type"] == "harddrive",
+                                                              "the re-inserted stick"))
 
-        # SIGUSR2: every volume unmounted and mounted again, as after pulling
-        # and re-inserting all media.
-        started = time.monotonic()
-        events = ("Unmounted " + CARD_DEV, "Mounted " + CARD_DEV, "Unmounted " + STICK_DEV, "Mounted " + STICK_DEV)
-        before = [u.udisks_count(e) for e in events]
-        mark = u.seen
-        m.sh("systemctl kill -s USR2 larkd")
-        u.wait_volume(lambda v: v["type"] == "memorycard", "the card again after SIGUSR2")
-        u.seen = mark
-        u.wait_volume(lambda v: v["type"] == "harddrive", "the stick again after SIGUSR2")
-        u.wait_mounted(CARD_DEV)
-        u.wait_mounted(STICK_DEV)
-        after = [u.udisks_count(e) for e in events]
-        expect([a - b for a, b in zip(after, before)] == [1, 1, 1, 1],
-               "SIGUSR2: udisksd's %s went from %s to %s" % (events, before, after))
-        expect("SIGUSR2: Simulating removing/inserting SD card" in u.journal(), "no SIGUSR2 log line")
+        with times.step("signals"):
+            # SIGUSR2: every volume unmounted and mounted again, as after
+            # pulling and re-inserting all media.
+            events = ("Unmounted " + CARD_DEV, "Mounted " + CARD_DEV, "Unmounted " + STICK_DEV, "Mounted " + STICK_DEV)
+            before = [u.udisks_count(e) for e in events]
+            mark = u.seen
+            m.sh("systemctl kill -s USR2 larkd")
+            u.wait_volume(lambda v: v["type"] == "memorycard", "the card again after SIGUSR2")
+            u.seen = mark
+            u.wait_volume(lambda v: v["type"] == "harddrive", "the stick again after SIGUSR2")
+            u.wait_mounted(CARD_DEV)
+            u.wait_mounted(STICK_DEV)
+            after = [u.udisks_count(e) for e in events]
+            expect([a - b for a, b in zip(after, before)] == [1, 1, 1, 1],
+                   "SIGUSR2: udisksd's %s went from %s to %s" % (events, before, after))
+            expect("SIGUSR2: Simulating removing/inserting SD card" in u.journal(), "no SIGUSR2 log line")
 
-        # SIGTERM: a clean exit; volumes stay mounted.
-        m.sh("systemctl stop larkd")
-        status = m.sh("systemctl show -P ExecMainStatus larkd").strip()
-        expect(status == "0", "larkd exited with status %s on SIGTERM" % status)
-        expect("Handling SIGTERM" in u.journal(), "no SIGTERM log line")
-        expect(u.mount_of(CARD_DEV) is not None and u.mount_of(STICK_DEV) is not None,
-               "volumes were unmounted on SIGTERM")
-        times["signals"] = time.monotonic() - started
+            # SIGTERM: a clean exit; volumes stay mounted.
+            m.sh("systemctl stop larkd")
+            status = m.sh("systemctl show -P ExecMainStatus larkd").strip()
+            expect(status == "0", "larkd exited with status %s on SIGTERM" % status)
+            expect("Handling SIGTERM" in u.journal(), "no SIGTERM log line")
+            expect(u.mount_of(CARD_DEV) is not None and u.mount_of(STICK_DEV) is not None,
+                   "volumes were unmounted on SIGTERM")
 
         # Restarts lose nothing: each new larkd adopts what udisks2 still has
         # mounted, and the application, reconnecting, hears of it again. The
         # unit's own watchdog, short now that the loop never waits.
-        restarts_started = started = time.monotonic()
-        expect(m.sh("systemctl show -P WatchdogUSec larkd").strip() == "10s",
-               "the unit's WatchdogSec is not 10 s")
-        mounts = u.udisks_count("Mounted ")
-        restarts = int(m.sh("systemctl show -P NRestarts larkd"))
-        u.start_larkd(OPTIONS, volumes=2)
-        pid = check_restored(u, card_path, stick_path, "after a clean stop")
-        expect("watchdog ping every 5000 ms" in u.journal(), "larkd does not ping at half the unit's WatchdogSec")
-        times["start after stop"] = time.monotonic() - started
+        with times.step("restarts"):
+            expect(m.sh("systemctl show -P WatchdogUSec larkd").strip() == "10s",
+                   "the unit's WatchdogSec is not 10 s")
+            mounts = u.udisks_count("Mounted ")
+            restarts = int(m.sh("systemctl show -P NRestarts larkd"))
+            u.start_larkd(OPTIONS, volumes=2)
+            pid = check_restored(u, card_path, stick_path, "after a clean stop")
+            expect("watchdog ping every 5000 ms" in u.journal(), "larkd does not ping at half the unit's WatchdogSec")
 
-        # Stopped, it misses its pings: the watchdog kills it, systemd starts
-        # another. It has to outlive one watchdog period first, or its pings
-        # were never heard and the restart would prove nothing.
-        m.wait_for("test $(ps -o etimes= -p %d) -ge 12" % pid, "larkd up for 12 s", 30)
-        expect(int(m.sh("systemctl show -P MainPID larkd")) == pid and
-               int(m.sh("systemctl show -P NRestarts larkd")) == restarts,
-               "larkd was restarted before it was stopped; its pings do not reach systemd")
-        started = time.monotonic()
-        m.sh("kill -STOP %d" % pid)
-        pid = wait_restarted(u, pid, restarts + 1)
-        times["SIGSTOP to restarted"] = time.monotonic() - started
-        expect("Watchdog timeout" in m.sh("journalctl -b -u larkd --no-pager -o cat"),
-               "systemd did not log the watchdog's timeout")
-        check_restored(u, card_path, stick_path, "after the watchdog's restart")
+            # Stopped, it misses its pings: the watchdog kills it, systemd
+            # starts another. It has to outlive one watchdog period first, or
+            # its pings were never heard and the restart would prove nothing.
+            m.wait_for("test $(ps -o etimes= -p %d) -ge 12" % pid, "larkd up for 12 s", 30)
+            expect(int(m.sh("systemctl show -P MainPID larkd")) == pid and
+                   int(m.sh("systemctl show -P NRestarts larkd")) == restarts,
+                   "larkd was restarted before it was stopped; its pings do not reach systemd")
+            m.sh("kill -STOP %d" % pid)
+            pid = wait_restarted(u, pid, restarts + 1)
+            expect("Watchdog timeout" in m.sh("journalctl -b -u larkd --no-pager -o cat"),
+                   "systemd did not log the watchdog's timeout")
+            check_restored(u, card_path, stick_path, "after the watchdog's restart")
 
-        # Killed outright, it is restarted on failure, and adopts again.
-        started = time.monotonic()
-        m.sh("kill -KILL %d" % pid)
-        pid = wait_restarted(u, pid, restarts + 2)
-        times["SIGKILL to restarted"] = time.monotonic() - started
-        check_restored(u, card_path, stick_path, "after SIGKILL")
-        expect(u.udisks_count("Mounted ") == mounts,
-               "udisksd mounted again what larkd should have adopted")
-        times["restarts in all"] = time.monotonic() - restarts_started
-    log("one unit passed: " + ", ".join("%s %.1f s" % kv for kv in times.items()))
+            # Killed outright, it is restarted on failure, and adopts again.
+            m.sh("kill -KILL %d" % pid)
+            pid = wait_restarted(u, pid, restarts + 2)
+            check_restored(u, card_path, stick_path, "after SIGKILL")
+            expect(u.udisks_count("Mounted ") == mounts,
+                   "udisksd mounted again what larkd should have adopted")
+    log("one unit passed: %s" % times)
 
 
 if __name__ == "__main__":
-    try:
-        main(sys.argv[1])
-    except LabError as e:
-        print("lab: FAILED: %s" % e, flush=True)
-        sys.exit(1)
+    run_scenario(main)

@@ -8,6 +8,7 @@ directories of runs whose process is gone.
 """
 
 import base64
+import contextlib
 import ctypes
 import os
 import shutil
@@ -29,6 +30,33 @@ class LabError(Exception):
 
 def log(text):
     print("lab: " + text, flush=True)
+
+
+def expect(condition, text):
+    if not condition:
+        raise LabError(text)
+
+
+class Timings(dict):
+    """How long each step of a scenario took, for its last log line."""
+
+    @contextlib.contextmanager
+    def step(self, name):
+        started = time.monotonic()
+        yield
+        self[name] = time.monotonic() - started
+
+    def __str__(self):
+        return ", ".join("%s %.1f s" % kv for kv in self.items())
+
+
+def run_scenario(main):
+    """A scenario's entry point: main(BUILD_DIR); a LabError fails it with its text."""
+    try:
+        main(sys.argv[1])
+    except LabError as e:
+        print("lab: FAILED: %s" % e, flush=True)
+        sys.exit(1)
 
 
 def skip(reason):
@@ -153,6 +181,13 @@ class Lab:
 
     def path(self, name):
         return os.path.join(self.dir, name)
+
+    def card_and_stick(self):
+        """The media images: a card "LABCARD" holding chart.txt, a stick "LABSTICK"."""
+        card, stick = self.path("card.img"), self.path("stick.img")
+        make_vfat_image(card, "LABCARD", {"chart.txt": "card chart\n"})
+        make_vfat_image(stick, "LABSTICK", {"route.txt": "stick route\n"})
+        return card, stick
 
     def __enter__(self):
         signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))

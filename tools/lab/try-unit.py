@@ -16,7 +16,7 @@ import sys
 
 sys.dont_write_bytecode = True
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from lab import Lab, LabError, free_loopback_port, log, make_vfat_image  # noqa: E402
+from lab import Lab, LabError, free_loopback_port, log  # noqa: E402
 from unit import Unit  # noqa: E402
 
 MEDIA = {"pull card": "pull_card", "insert card": "insert_card",
@@ -25,9 +25,7 @@ MEDIA = {"pull card": "pull_card", "insert card": "insert_card",
 
 def main(build_dir, options):
     with Lab(build_dir) as lab:
-        card, stick = lab.path("card.img"), lab.path("stick.img")
-        make_vfat_image(card, "LABCARD", {"chart.txt": "card chart\n"})
-        make_vfat_image(stick, "LABSTICK", {"route.txt": "stick route\n"})
+        card, stick = lab.card_and_stick()
         m = lab.machine("unit", mac="52:54:00:00:00:0a", net=("listen", free_loopback_port()),
                         sd=card, usb=stick)
         m.start()
