@@ -1,28 +1,15 @@
-// The "dataarrival" document the display application receives, and the
-// CRC7 that completes a card's identity in it.
+// The CRC7 that completes a card's identity in the "dataarrival" document
+// (the document itself is checked byte for byte by tst_protocoldoc).
 
 #include "storage/CidWithCrc.h"
-#include "storage/VolumeDescription.h"
 
 #include <QtTest>
-
-namespace {
-
-// The fixed envelope around one "dataarrival" record, given its nine lines.
-QByteArray Document(const QByteArray& record)
-{
-    return "{\n    \"message\": {\n        \"content\": {\n            \"dataarrival\": {\n" + record
-        + "            }\n        },\n        \"type\": \"datasource\",\n        \"version\": 1\n    }\n}\n";
-}
-
-} // namespace
 
 class tst_VolumeDescription : public QObject
 {
     Q_OBJECT
 private slots:
     void cidGetsCorrectCrc();
-    void dataArrivalDocument();
 };
 
 void tst_VolumeDescription::cidGetsCorrectCrc()
@@ -46,40 +33,6 @@ void tst_VolumeDescription::cidGetsCorrectCrc()
     for (const QString& other : { QString(), QStringLiteral("0353445343313647801234562400e1"),
                                   QStringLiteral("0353445343313647801234564300e1ff00") })
         QCOMPARE(CidWithCrc(other), other);
-}
-
-void tst_VolumeDescription::dataArrivalDocument()
-{
-    // Byte for byte: the application's parser relies on the key order and indentation.
-    const tVolumeDescription card(true, true, false, false, false, QStringLiteral("/run/media/mmcblk0p1"),
-                                  QStringLiteral("Memory Card - Left"),
-                                  QStringLiteral("0353445343313647801234564300e1ff"), QStringLiteral(""),
-                                  QString());
-    QCOMPARE(BuildDataArrivalMessage(card),
-             Document("                \"contentid\": \"\",\n"
-                      "                \"fixed\": false,\n"
-                      "                \"friendlyname\": \"Memory Card - Left\",\n"
-                      "                \"key\": \"0353445343313647801234564300e105\",\n"
-                      "                \"path\": \"/run/media/mmcblk0p1\",\n"
-                      "                \"readonly\": false,\n"
-                      "                \"remote\": false,\n"
-                      "                \"serialnumber\": \"\",\n"
-                      "                \"type\": \"memorycard\"\n"));
-
-    // A removal: every field but the path is null.
-    const tVolumeDescription removal(QVariant(), QVariant(), QVariant(), QVariant(), QVariant(),
-                                     QStringLiteral("/run/media/sdb1"), QVariant(), QVariant(), QVariant(),
-                                     QVariant());
-    QCOMPARE(BuildDataArrivalMessage(removal),
-             Document("                \"contentid\": null,\n"
-                      "                \"fixed\": null,\n"
-                      "                \"friendlyname\": null,\n"
-                      "                \"key\": null,\n"
-                      "                \"path\": \"/run/media/sdb1\",\n"
-                      "                \"readonly\": null,\n"
-                      "                \"remote\": null,\n"
-                      "                \"serialnumber\": null,\n"
-                      "                \"type\": null\n"));
 }
 
 QTEST_GUILESS_MAIN(tst_VolumeDescription)

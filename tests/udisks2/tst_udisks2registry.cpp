@@ -60,7 +60,6 @@ private:
     // Lets every signal the simulator sent so far reach the registry.
     void Settle();
     bool Enumerated();
-    bool Control(const QString& method);
 
     std::unique_ptr<tSimulatedUnit> m_Unit;
     std::unique_ptr<tUDisks2> m_Registry;
@@ -114,16 +113,6 @@ bool tst_UDisks2Registry::Enumerated()
     QSignalSpy finished(m_Registry.get(), &tUDisks2::EnumerationFinished);
     m_Registry->Enumerate();
     return finished.wait(5000);
-}
-
-// The simulator's own control calls beyond tSimulatedUnit's.
-bool tst_UDisks2Registry::Control(const QString& method)
-{
-    return QDBusConnection::systemBus()
-               .call(QDBusMessage::createMethodCall(QStringLiteral("org.larkd.UDisks2Sim"), QStringLiteral("/org/larkd/UDisks2Sim"),
-                                                    QStringLiteral("org.larkd.UDisks2Sim"), method))
-               .type()
-        == QDBusMessage::ReplyMessage;
 }
 
 void tst_UDisks2Registry::eventOrder_data()
@@ -195,7 +184,7 @@ void tst_UDisks2Registry::mountAnswers()
 {
     QVERIFY(Enumerated());
     QVERIFY(tUDisks2::Block(QStringLiteral("mmcblk0p1")));
-    tUDisks2FileSystem* card = tUDisks2::Block(QStringLiteral("mmcblk0p1"))->FileSystem();
+    tUDisks2FileSystem* const card = tUDisks2::Block(QStringLiteral("mmcblk0p1"))->FileSystem();
     QVERIFY(card);
     // A rescan keeps the proxies the daemon holds.
     QVERIFY(Enumerated());
@@ -227,11 +216,11 @@ void tst_UDisks2Registry::mountAnswers()
     QCOMPARE(MountAndWait(other, QString()), QString());
 
     // A rescan the service does not answer makes nothing look gone.
-    QVERIFY(Control(QStringLiteral("Away")));
+    QVERIFY(m_Unit->Away());
     m_Log->lines.clear();
     QVERIFY(Enumerated());
     QVERIFY(tUDisks2::Block(QStringLiteral("mmcblk0p1")));
-    QVERIFY(Control(QStringLiteral("Back")));
+    QVERIFY(m_Unit->Back());
     QTRY_VERIFY(m_Log->lines.contains(QStringLiteral("FileSystemAdded mmcblk0p1")));
     QCOMPARE(m_Log->lines.filter(QRegularExpression(QStringLiteral("^(BlockDevice|Drive)Removed"))), QStringList());
 }

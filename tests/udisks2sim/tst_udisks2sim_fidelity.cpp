@@ -3,8 +3,8 @@
 // in DBUS_SYSTEM_BUS_ADDRESS with a loop-device disk (REAL_UDISKS_LOOP) and
 // its ext4 partition (REAL_UDISKS_PARTITION), and the simulator on a private
 // bus of its own with a USB stick inserted. Whatever the simulator declares
-// must be what udisksd declares, and the same calls get the same answers;
-// what udisksd has beyond that is listed, not failed.
+// must be what udisksd declares (udisksd may have more), and the same calls
+// get the same answers.
 
 #include "SimulatedUnit.h"
 #include "udisks2/UDisks2.h"
@@ -46,16 +46,17 @@ tIntrospection Introspect(QDBusConnection bus, const QString& path)
             continue;
         const QString kind = xml.name().toString();
         auto attribute = [&xml](const char* name) { return xml.attributes().value(QLatin1String(name)).toString(); };
+        QMap<QString, QString>& members = result.interfaces[interface];
         if (kind == QLatin1String("node") && depth == 2)
             result.children << attribute("name");
         else if (kind == QLatin1String("interface"))
             result.interfaces[interface = attribute("name")];
         else if (kind == QLatin1String("property"))
-            result.interfaces[interface][QStringLiteral("property ") + attribute("name")] = attribute("type") + QLatin1Char(' ') + attribute("access");
+            members[QStringLiteral("property ") + attribute("name")] = attribute("type") + QLatin1Char(' ') + attribute("access");
         else if (kind == QLatin1String("method") || kind == QLatin1String("signal"))
-            result.interfaces[interface][member = kind + QLatin1Char(' ') + attribute("name")];
+            members[member = kind + QLatin1Char(' ') + attribute("name")];
         else if (kind == QLatin1String("arg"))
-            result.interfaces[interface][member] += QStringLiteral("%1:%2:%3 ").arg(attribute("direction"), attribute("type"), attribute("name"));
+            members[member] += QStringLiteral("%1:%2:%3 ").arg(attribute("direction"), attribute("type"), attribute("name"));
     }
     return result;
 }
@@ -137,29 +138,25 @@ private slots:
         const tIntrospection real = Introspect(m_Real, realPath);
         const tIntrospection sim = Introspect(Sim(), simPath);
         QVERIFY2(real.interfaces.contains(interface), qPrintable(QStringLiteral("udisksd shows no %1 at %2").arg(interface, realPath)));
-        const QMap<QString, QString> realMembers = real.interfaces.value(interface);
         const QMap<QString, QString> simMembers = sim.interfaces.value(interface);
         QVERIFY2(!simMembers.isEmpty(), qPrintable(simPath));
-        QStringList simLines, realLines, beyond = realMembers.keys();
+        QStringList simLines, realLines, declared;
         for (auto it = simMembers.constBegin(); it != simMembers.constEnd(); ++it) {
             simLines << it.key() + QStringLiteral(": ") + it.value();
-            realLines << it.key() + QStringLiteral(": ") + realMembers.value(it.key(), QStringLiteral("missing"));
-            beyond.removeOne(it.key());
+            realLines << it.key() + QStringLiteral(": ") + real.interfaces[interface].value(it.key(), QStringLiteral("missing"));
+            if (it.key().startsWith(QLatin1String("property ")))
+                declared << it.key() + QStringLiteral(": ") + it.value().section(QLatin1Char(' '), 0, 0);
         }
         QCOMPARE(simLines, realLines);
-        if (!beyond.isEmpty())
-            qInfo("%s: not simulated: %s", qPrintable(interface), qPrintable(beyond.join(QStringLiteral(", "))));
         // Each property is sent with the type declared for it.
         QDBusMessage getAll = QDBusMessage::createMethodCall(Service, simPath, QStringLiteral("org.freedesktop.DBus.Properties"),
                                                              QStringLiteral("GetAll"));
         const QVariantMap values = qdbus_cast<QVariantMap>(Sim().call(getAll << interface).arguments().value(0));
-        QStringList sent, declared = simLines.filter(QRegularExpression(QStringLiteral("^property ")));
+        QStringList sent;
         for (auto v = values.cbegin(); v != values.cend(); ++v)
-            sent << QStringLiteral("property %1: %2 ").arg(v.key(), v.value().userType() == qMetaTypeId<QDBusArgument>()
-                                                                        ? v.value().value<QDBusArgument>().currentSignature()
-                                                                        : QDBusMetaType::typeToSignature(v.value().userType()));
-        for (QString& line : declared)
-            line = line.section(QLatin1Char(' '), 0, 2) + QLatin1Char(' ');
+            sent << QStringLiteral("property %1: %2").arg(v.key(), v.value().userType() == qMetaTypeId<QDBusArgument>()
+                                                                      ? v.value().value<QDBusArgument>().currentSignature()
+                                                                      : QDBusMetaType::typeToSignature(v.value().userType()));
         QCOMPARE(sent, declared);
         // The standard interfaces come along with every object.
         for (const char* standard : { "org.freedesktop.DBus.Properties", "org.freedesktop.DBus.Introspectable", "org.freedesktop.DBus.Peer" })
@@ -186,8 +183,7 @@ private slots:
         QVERIFY(enumerated.wait(10000));
         tUDisks2Block* block = tUDisks2::Block(m_RealNode);
         QVERIFY2(block, qPrintable(tUDisks2::BlockDevices().join(' ')));
-        QVERIFY(block->HintSystem());
-        QVERIFY(!block->FileSystem());
+        QVERIFY(block->HintSystem() && !block->FileSystem());
 
         auto* fileSystem = new tUDisks2FileSystem(m_RealNode, nullptr);
         block->SetFileSystem(fileSystem);
