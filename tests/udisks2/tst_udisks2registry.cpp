@@ -48,18 +48,54 @@ class tst_UDisks2Registry : public QObject
 {
     Q_OBJECT
 private slots:
-    void initTestCase();
-    void init();
-    void cleanup();
+    void initTestCase()
+    {
+        m_Unit.reset(new tSimulatedUnit(
+            QDir(qEnvironmentVariable("LARKD_STORAGE_UNITS")).filePath(QStringLiteral("storage-unit.json"))));
+        QString error;
+        QVERIFY2(m_Unit->Start(true, &error), qPrintable(error));
+    }
+    void init()
+    {
+        m_Registry.reset(new tUDisks2);
+        m_Log.reset(new tRegistryLog(m_Registry.get()));
+    }
+    void cleanup()
+    {
+        if (QTest::currentTestFailed())
+            qInfo() << "registry signals:" << m_Log->lines << "simulator calls:" << m_Unit->Calls();
+        for (const QString& slot : qAsConst(m_Filled))
+            m_Unit->Remove(slot);
+        m_Filled.clear();
+        // Put the boot-time card back for the other cases.
+        if (std::exchange(m_LeftEmptied, false))
+            m_Unit->Insert(QStringLiteral("left"), QStringLiteral("charts"));
+        Settle();
+        m_Log.reset();
+        m_Registry.reset();
+    }
     void eventOrder_data();
     void eventOrder();
     void mountAnswers();
     void objectsBelowABlockAreNoBlocks();
 
 private:
-    // Lets every signal the simulator sent so far reach the registry.
-    void Settle();
-    bool Enumerated();
+    // Lets every signal the simulator sent so far reach the registry: it
+    // answers a ping only after the signals it sent before.
+    void Settle()
+    {
+        QDBusConnection::systemBus().call(QDBusMessage::createMethodCall(
+            QStringLiteral("org.freedesktop.UDisks2"), QStringLiteral("/org/freedesktop/UDisks2"),
+            QStringLiteral("org.freedesktop.DBus.Peer"), QStringLiteral("Ping")));
+        for (int i = 0; i < 3; ++i)
+            QCoreApplication::processEvents();
+    }
+    bool Enumerated()
+    {
+        QSignalSpy finished(m_Registry.get(), &tUDisks2::EnumerationFinished);
+        m_Registry->Enumerate();
+        return finished.wait(5000);
+    }
 
     std::unique_ptr<tSimulatedUnit> m_Unit;
     std::unique_ptr<tUDisks2> m_Registry;
@@ -67,53 +103,6 @@ private:
     QStringList m_Filled;
     bool m_LeftEmptied = false;
 };
-
-void tst_UDisks2Registry::initTestCase()
-{
-    m_Unit.reset(new tSimulatedUnit(
-        QDir(qEnvironmentVariable("LARKD_STORAGE_UNITS")).filePath(QStringLiteral("storage-unit.json"))));
-    QString error;
-    QVERIFY2(m_Unit->Start(true, &error), qPrintable(error));
-}
-
-void tst_UDisks2Registry::init()
-{
-    m_Registry.reset(new tUDisks2);
-    m_Log.reset(new tRegistryLog(m_Registry.get()));
-}
-
-void tst_UDisks2Registry::cleanup()
-{
-    if (QTest::currentTestFailed())
-        qInfo() << "registry signals:" << m_Log->lines << "simulator calls:" << m_Unit->Calls();
-    for (const QString& slot : qAsConst(m_Filled))
-        m_Unit->Remove(slot);
-    m_Filled.clear();
-    // Put the boot-time card back for the other cases.
-    if (std::exchange(m_LeftEmptied, false))
-        m_Unit->Insert(QStringLiteral("left"), QStringLiteral("charts"));
-    Settle();
-    m_Log.reset();
-    m_Registry.reset();
-}
-
-void tst_UDisks2Registry::Settle()
-{
-    // The simulator answers a ping only after the signals it sent before.
-    QDBusConnection::systemBus().call(QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.UDisks2"),
-                                                                     QStringLiteral("/org/freedesktop/UDisks2"),
-                                                                     QStringLiteral("org.freedesktop.DBus.Peer"),
-                                                                     QStringLiteral("Ping")));
-    for (int i = 0; i < 3; ++i)
-        QCoreApplication::processEvents();
-}
-
-bool tst_UDisks2Registry::Enumerated()
-{
-    QSignalSpy finished(m_Registry.get(), &tUDisks2::EnumerationFinished);
-    m_Registry->Enumerate();
-    return finished.wait(5000);
-}
 
 void tst_UDisks2Registry::eventOrder_data()
 {

@@ -1,21 +1,20 @@
-// The simulator and the daemon's UDisks2 client against the real thing: the
-// machine's udisksd, started by tests/scripts/with-real-udisks.sh on the bus
+// The simulator against the real thing: the machine's udisksd, started by tests/scripts/with-real-udisks.sh on the bus
 // in DBUS_SYSTEM_BUS_ADDRESS with a loop-device disk (REAL_UDISKS_LOOP) and
 // its ext4 partition (REAL_UDISKS_PARTITION), and the simulator on a private
 // bus of its own with a USB stick inserted. Whatever the simulator declares
 // must be what udisksd declares (udisksd may have more), and the same calls
-// get the same answers.
+// get the same answers. The daemon's client is proved against the simulator
+// by tst_udisks2registry.
 
 #include "SimulatedUnit.h"
-#include "udisks2/UDisks2.h"
-#include "udisks2/UDisks2Block.h"
-#include "udisks2/UDisks2FileSystem.h"
 
 #include <QDBusArgument>
 #include <QDBusMetaType>
 #include <QDBusVariant>
 #include <QXmlStreamReader>
 #include <QtTest>
+
+#include <functional>
 
 namespace
 {
@@ -61,21 +60,25 @@ tIntrospection Introspect(QDBusConnection bus, const QString& path)
     return result;
 }
 
-// Mount twice, read MountPoints, unmount twice: the answers, with the device
-// and mount path written as DEVICE and MOUNTPATH.
-QStringList MountStory(QDBusConnection bus, const QString& path, const QString& device)
+// Mount twice asking for "ro", read MountPoints, unmount twice: the answers,
+// with the device and mount path written as DEVICE and MOUNTPATH, and the
+// first option the mount was made with, as mountedWith(MOUNTPATH) tells.
+QStringList MountStory(QDBusConnection bus, const QString& path, const QString& device,
+                       const std::function<QString(const QString&)>& mountedWith)
 {
-    auto call = [&](const QString& member) {
+    auto call = [&](const QString& member, const QVariantMap& options = QVariantMap()) {
         QDBusMessage message = QDBusMessage::createMethodCall(Service, path, FilesystemInterface, member);
-        return bus.call(message << QVariantMap());
+        return bus.call(message << options);
     };
-    const QDBusMessage mounted = call(QStringLiteral("Mount"));
+    const QVariantMap readOnly{ { QStringLiteral("options"), QStringLiteral("ro") } };
+    const QDBusMessage mounted = call(QStringLiteral("Mount"), readOnly);
     const QString mountPath = mounted.arguments().value(0).toString();
     auto normalise = [&](const QDBusMessage& m) {
         QString answer = m.type() == QDBusMessage::ErrorMessage ? m.errorName() + QLatin1Char(' ') + m.errorMessage() : m.signature();
         return answer.replace(mountPath, QStringLiteral("MOUNTPATH")).replace(device, QStringLiteral("DEVICE"));
     };
-    QStringList answers{ QString::number(mounted.type()), mounted.signature(), normalise(call(QStringLiteral("Mount"))) };
+    QStringList answers{ QString::number(mounted.type()), mounted.signature(), mountedWith(mountPath),
+                         normalise(call(QStringLiteral("Mount"), readOnly)) };
     QDBusMessage get = QDBusMessage::createMethodCall(Service, path, QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
     const QDBusArgument value =
         bus.call(get << FilesystemInterface << QStringLiteral("MountPoints")).arguments().value(0).value<QDBusVariant>().variant().value<QDBusArgument>();
@@ -163,46 +166,29 @@ private slots:
             QCOMPARE(sim.interfaces.value(QLatin1String(standard)), real.interfaces.value(QLatin1String(standard)));
     }
 
-    // The same calls get the same answers and errors from both.
+    // The same calls get the same answers and errors from both, and the
+    // options asked for are taken from the same key.
     void mountAndUnmountAnswerAlike()
     {
-        const QStringList real = MountStory(m_Real, Blocks + m_RealNode, m_RealDevice);
-        QCOMPARE(MountStory(Sim(), Blocks + QStringLiteral("sda1"), QStringLiteral("/dev/sda1")), real);
-        QCOMPARE(real.value(2).section(QLatin1Char(' '), 0, 0), QStringLiteral("org.freedesktop.UDisks2.Error.AlreadyMounted"));
-        QCOMPARE(real.value(4), QStringLiteral("MOUNTPATH%00"));
-    }
-
-    // The daemon's client on the real service: udisksd counts a loop device as
-    // the system's own, so the registry never offers it; a proxy of its own
-    // mounts it with the options asked for and sees it unmounted by others.
-    void clientOnTheRealService()
-    {
-        tUDisks2 registry;
-        QSignalSpy enumerated(&registry, &tUDisks2::EnumerationFinished);
-        registry.Enumerate();
-        QVERIFY(enumerated.wait(10000));
-        tUDisks2Block* block = tUDisks2::Block(m_RealNode);
-        QVERIFY2(block, qPrintable(tUDisks2::BlockDevices().join(' ')));
-        QVERIFY(block->HintSystem() && !block->FileSystem());
-
-        auto* fileSystem = new tUDisks2FileSystem(m_RealNode, nullptr);
-        block->SetFileSystem(fileSystem);
-        QSignalSpy ejected(block, &tUDisks2Block::Ejected);
-        QSignalSpy mounted(fileSystem, &tFileSystem::MountFinished);
-        fileSystem->Mount(QStringLiteral("ro"));
-        QVERIFY(mounted.wait(10000));
-        const QString path = mounted.first().first().toString();
-        QFile mounts(QStringLiteral("/proc/self/mounts"));
-        QVERIFY(mounts.open(QIODevice::ReadOnly));
-        const QString table = QString::fromUtf8(mounts.readAll());
-        QVERIFY2(table.contains(QRegularExpression(QLatin1Char(' ') + QRegularExpression::escape(path) + QStringLiteral(" \\S+ ro[, ]"))),
-                 qPrintable(table));
-        QTRY_COMPARE_WITH_TIMEOUT(fileSystem->MountPoints(), QStringList{ path }, 10000);
-        // Unmounted behind its back: ejected, the last mount point kept.
-        QCOMPARE(QProcess::execute(QStringLiteral("umount"), { path }), 0);
-        QTRY_COMPARE_WITH_TIMEOUT(ejected.count(), 1, 10000);
-        QCOMPARE(fileSystem->MountPoints(), QStringList{ path });
-        QTRY_VERIFY_WITH_TIMEOUT(!QFileInfo::exists(path), 10000);
+        const QStringList real = MountStory(m_Real, Blocks + m_RealNode, m_RealDevice, [](const QString& mountPath) {
+            QFile mounts(QStringLiteral("/proc/self/mounts"));
+            const QByteArrayList lines = mounts.open(QIODevice::ReadOnly) ? mounts.readAll().split('\n') : QByteArrayList();
+            for (const QByteArray& line : lines)
+                if (line.split(' ').value(1) == mountPath.toUtf8())
+                    return QString::fromUtf8(line.split(' ').value(3).split(',').value(0));
+            return QStringLiteral("not mounted");
+        });
+        QCOMPARE(MountStory(Sim(), Blocks + QStringLiteral("sda1"), QStringLiteral("/dev/sda1"),
+                            [this](const QString& mountPath) {
+                                const QString record = m_Unit->Calls().constLast();
+                                return record.startsWith(QStringLiteral("Mount sda1 ") + mountPath)
+                                    ? record.section(QStringLiteral("options="), 1).section(QLatin1Char(','), 0, 0)
+                                    : record;
+                            }),
+                 real);
+        QCOMPARE(real.value(2), QStringLiteral("ro"));
+        QCOMPARE(real.value(3).section(QLatin1Char(' '), 0, 0), QStringLiteral("org.freedesktop.UDisks2.Error.AlreadyMounted"));
+        QCOMPARE(real.value(5), QStringLiteral("MOUNTPATH%00"));
     }
 };
 
