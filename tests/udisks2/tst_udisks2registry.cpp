@@ -31,6 +31,7 @@ public:
         for (const auto& [signal, name] : signalNames)
             connect(registry, signal, this, [this, name = QLatin1String(name)](const QString& node) { lines << name + ' ' + node; });
     }
+
     QStringList lines;
 };
 
@@ -55,11 +56,13 @@ private slots:
         QString error;
         QVERIFY2(m_Unit->Start(true, &error), qPrintable(error));
     }
+
     void init()
     {
         m_Registry.reset(new tUDisks2);
         m_Log.reset(new tRegistryLog(m_Registry.get()));
     }
+
     void cleanup()
     {
         if (QTest::currentTestFailed())
@@ -74,6 +77,7 @@ private slots:
         m_Log.reset();
         m_Registry.reset();
     }
+
     void eventOrder_data();
     void eventOrder();
     void mountAnswers();
@@ -90,6 +94,7 @@ private:
         for (int i = 0; i < 3; ++i)
             QCoreApplication::processEvents();
     }
+
     bool Enumerated()
     {
         QSignalSpy finished(m_Registry.get(), &tUDisks2::EnumerationFinished);
@@ -166,6 +171,7 @@ void tst_UDisks2Registry::eventOrder()
         }
         Settle();
     }
+
     QTRY_COMPARE(m_Log->lines.filter(QRegularExpression(pattern)), expected);
 }
 
