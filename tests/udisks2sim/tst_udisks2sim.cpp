@@ -110,8 +110,8 @@ private slots:
     }
 
     // A name in use gets a number. A slow card's Mount is recorded at once but
-    // answered, with its directory, only after the delay; pulled meanwhile, it
-    // fails as on the service and leaves no directory behind.
+    // answered, with its directory, only after the delay (a stick pulled
+    // meanwhile is tst_neverwaits' story).
     void busyNamesAndHeldMounts()
     {
         QVERIFY(m_Unit->Insert(QStringLiteral("usb"), QStringLiteral("stick")));
@@ -130,14 +130,6 @@ private slots:
         held.waitForFinished();
         QVERIFY2(clock.elapsed() >= 500, qPrintable(QString::number(clock.elapsed())));
         QCOMPARE(held.reply().arguments().value(0).toString(), stick);
-
-        QVERIFY(m_Unit->Unmount(QStringLiteral("sda1")));
-        QDBusPendingCall pulled = Mount(QStringLiteral("sda1"));
-        QTRY_VERIFY(m_Unit->Calls().constLast() == QStringLiteral("Mount-held sda1"));
-        QVERIFY(m_Unit->Remove(QStringLiteral("usb")));
-        pulled.waitForFinished();
-        QCOMPARE(pulled.error().name(), QStringLiteral("org.freedesktop.UDisks2.Error.Failed"));
-        QVERIFY(!QFileInfo::exists(stick));
     }
 };
 
