@@ -29,11 +29,6 @@ void RecordFailedChecks(QtMsgType type, const QMessageLogContext& context, const
     s_PreviousHandler(type, context, message);
 }
 
-bool FirstFromPeer(const QSignalSpy& added)
-{
-    return added.first().at(0).value<tNfsData>().fromPeer;
-}
-
 void AddShare(tServicePublisher& publisher, const char* path, bool readOnly)
 {
     publisher.AddServiceNFS(QLatin1String(path), 1, QString(), QString(), QString(), QString(), readOnly);
@@ -67,14 +62,11 @@ private slots:
         QSignalSpy discovered(&other, &tServiceListener::PeerDiscovered);
 
         tServicePublisher publisher{QString()};
-        QVERIFY(InUnitA([&] {
-            publisher.Start(tNetnsPair::InterfaceA(), QHostAddress());
-            publisher.StartAnnouncing();
-        }));
+        QVERIFY(AnnounceFromUnitA(publisher));
         AddShare(publisher, "/charts/a", false);
         AddShare(publisher, "/charts/b", true);
         QTRY_COMPARE_WITH_TIMEOUT(added.count(), 2, 5000);
-        QVERIFY(!FirstFromPeer(added));
+        QVERIFY(!added.first().at(0).value<tNfsData>().fromPeer);
         QCOMPARE(discovered.count(), 0);
 
         // Withdrawn shares go at once, one by one or all on stopping.
@@ -130,10 +122,7 @@ private slots:
         s_Clock.start();
         s_PreviousHandler = qInstallMessageHandler(RecordFailedChecks);
         tServicePublisher publisher{QString()};
-        QVERIFY(InUnitA([&] {
-            publisher.Start(tNetnsPair::InterfaceA(), QHostAddress());
-            publisher.StartAnnouncing();
-        }));
+        QVERIFY(AnnounceFromUnitA(publisher));
         AddShare(publisher, "/charts/c", false);
         // A failed check stalls the listener for a second; though the unit
         // announces every second, one check is made per expiry period.
@@ -142,11 +131,18 @@ private slots:
         const qint64 between = s_FailedChecks.at(1) - s_FailedChecks.at(0);
         QVERIFY2(between >= cExpiryMs, qPrintable(QString::number(between)));
         QCOMPARE(added.count(), 1);
-        QVERIFY(!FirstFromPeer(added));
+        QVERIFY(!added.first().at(0).value<tNfsData>().fromPeer);
         QCOMPARE(discovered.count(), 0);
     }
 
 private:
+    bool AnnounceFromUnitA(tServicePublisher& publisher)
+    {
+        return InUnitA([&] {
+            publisher.Start(tNetnsPair::InterfaceA(), QHostAddress());
+            publisher.StartAnnouncing();
+        });
+    }
     // Starts `start` in unit A: sockets it opens stay there.
     bool InUnitA(const std::function<void()>& start)
     {
