@@ -11,12 +11,10 @@
 namespace
 {
 using tOutcome = tCommandQueue::tOutcome;
-const QString cRw = QStringLiteral("rw,no_root_squash,no_subtree_check");
-const QString cRo = QStringLiteral("ro,no_root_squash,no_subtree_check");
 
-QString Call(const QStringList& arguments)
+QString Export(const char* options, const QString& target)
 {
-    return (QStringList{QStringLiteral("exportfs")} + arguments).join(QLatin1Char('\t'));
+    return QStringLiteral("exportfs\t-o\t%1,no_root_squash,no_subtree_check\t%2").arg(QLatin1String(options), target);
 }
 
 void AddShare(tServicePublisher& publisher, const QString& path, bool readOnly)
@@ -38,20 +36,14 @@ QByteArray Children()
     return file.open(QIODevice::ReadOnly) ? file.readAll().trimmed() : QByteArray("unreadable");
 }
 
-// The exportfs invocations so far. The record is only ever read: one written
-// meanwhile is not lost.
-QStringList Calls()
+// The exportfs invocations so far, flushes (which come when their timer
+// says) left out unless asked for.
+QStringList Calls(bool withFlushes = false)
 {
     QFile file(qEnvironmentVariable("LARKD_RECORD_FILE"));
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts)
-                                          : QStringList();
-}
-
-// The same without flushes, which come when their timer says.
-QStringList Exports()
-{
-    QStringList calls = Calls();
-    calls.removeAll(Call({"-f"}));
+    QStringList calls = file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts) : QStringList();
+    if (!withFlushes)
+        calls.removeAll(QStringLiteral("exportfs\t-f"));
     return calls;
 }
 
@@ -68,137 +60,131 @@ class tPublisherExportsTest : public QObject
 {
     Q_OBJECT
 private slots:
-    void initTestCase();
-    void exportsFollowSharesAndPeer();
-    void queueRunsStepsInOrderAndKillsSlowOnes();
-    void stopMakesLaterCommandsWaitForThePeer();
+    void initTestCase()
+    {
+        QVERIFY(m_Dir.isValid());
+        const QString standins = qEnvironmentVariable("LARKD_UNIT_TOOLS") + QStringLiteral("/standins");
+        qputenv("PATH", (standins + QLatin1Char(':') + qEnvironmentVariable("PATH")).toLocal8Bit());
+        qputenv("LARKD_RECORD_FILE", m_Dir.filePath(QStringLiteral("exportfs.calls")).toLocal8Bit());
+    }
+
+    void exportsFollowSharesAndPeer()
+    {
+        tServicePublisher publisher(QStringLiteral("lark"));
+        publisher.Start(QStringLiteral("lo"), QHostAddress(QHostAddress::LocalHost));
+        publisher.SetPeerIpAddress(QStringLiteral("not-an-ip"));
+        publisher.SetPeerIpAddress(QStringLiteral("192.168.1.20"));
+        publisher.SetPeerIpAddress(QStringLiteral("192.168.1.20"));
+
+        // The peer gets a read-write entry of its own, ahead of everyone's, but
+        // never for a read-only share.
+        AddShare(publisher, QStringLiteral("/media/vol"), false);
+        AddShare(publisher, QStringLiteral("/media/ro vol"), true);
+        QVERIFY(Settle(publisher));
+        QStringList expected{Export("rw", "192.168.1.20:/media/vol"), Export("rw", "*:/media/vol"), Export("ro", "*:/media/ro vol")};
+        QCOMPARE(Calls(), expected);
+        publisher.RemoveServiceNFS(QStringLiteral("/media/ro vol"));
+        // A new peer's entry replaces the old one's.
+        publisher.SetPeerIpAddress(QStringLiteral("192.168.1.21"));
+        QVERIFY(Settle(publisher));
+        expected << "exportfs\t-u\t*:/media/ro vol" << "exportfs\t-u\t192.168.1.20:/media/ro vol"
+                 << "exportfs\t-u\t192.168.1.20:/media/vol" << Export("rw", "192.168.1.21:/media/vol");
+        QCOMPARE(Calls(), expected);
+
+        // Each change of peer flushes the server once, later, when the peer had time to mount.
+        QTRY_COMPARE_WITH_TIMEOUT(Calls(true).count(QStringLiteral("exportfs\t-f")), 2, 5000);
+        QTest::qWait(300);
+        QCOMPARE(Calls(true).count(QStringLiteral("exportfs\t-f")), 2);
+    }
+
+    void queueRunsStepsInOrderAndKillsSlowOnes()
+    {
+        auto queue = std::make_unique<tCommandQueue>();
+        QSignalSpy idle(queue.get(), &tCommandQueue::Idle);
+        QStringList ended;
+        const auto add = [&](const QString& program, const QString& script) {
+            queue->AddProcess(program, {QStringLiteral("-c"), script}, [&ended, script](tOutcome outcome) {
+                ended << script + (outcome == tOutcome::Finished ? QStringLiteral(": finished") : QStringLiteral(": failed"));
+            });
+        };
+        QObject context;
+        queue->AddAction(&context, [&] { ended << QStringLiteral("at once"); });
+        QCOMPARE(ended, QStringList{"at once"});
+        queue->SetCommandTimeout(1000);
+        QElapsedTimer clock;
+        clock.start();
+
+        // A program that crashes or cannot start fails; an exit code counts for
+        // nothing (exportfs reports harmless conditions so). An action runs once
+        // all asked for before it has ended, and only if its context is there.
+        add(QStringLiteral("sh"), QStringLiteral("kill -SEGV $$"));
+        add(QStringLiteral("sh"), QStringLiteral("exit 1"));
+        queue->AddAction(&context, [&] { ended << QStringLiteral("action"); });
+        {
+            QObject gone;
+            queue->AddAction(&gone, [&] { ended << QStringLiteral("gone"); });
+        }
+        add(m_Dir.filePath(QStringLiteral("nothing")), QStringLiteral("missing"));
+        // Killed at the time-out, a program counts as finished, as it always has.
+        add(QStringLiteral("sh"), QStringLiteral("exec sleep 10"));
+        add(QStringLiteral("sh"), QStringLiteral("exit 0"));
+        QVERIFY2(clock.elapsed() < 200, qPrintable(QString::number(clock.elapsed())));
+        QVERIFY(idle.wait(5000));
+        QVERIFY2(clock.elapsed() >= 1000, qPrintable(QString::number(clock.elapsed())));
+        QCOMPARE(ended, (QStringList{"at once", "kill -SEGV $$: failed", "exit 1: finished", "action", "missing: failed",
+                                     "exec sleep 10: finished", "exit 0: finished"}));
+        QCOMPARE(idle.count(), 1);
+        QTRY_COMPARE(Children(), QByteArray());
+
+        // One still running when the queue goes is killed and not waited for:
+        // no warning from a process object destroyed while its program runs.
+        queue->SetCommandTimeout(30000);
+        add(QStringLiteral("sh"), QStringLiteral("exec sleep 10"));
+        QTRY_VERIFY(!Children().isEmpty());
+        s_Warnings = 0;
+        s_PreviousHandler = qInstallMessageHandler(CountWarnings);
+        queue.reset();
+        qInstallMessageHandler(s_PreviousHandler);
+        QCOMPARE(s_Warnings, 0);
+        QTRY_COMPARE(Children(), QByteArray());
+    }
+
+    void stopMakesLaterCommandsWaitForThePeer()
+    {
+        const QString rmtab = m_Dir.filePath(QStringLiteral("rmtab"));
+        QFile file(rmtab);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        tServicePublisher publisher{QString()};
+        publisher.SetRmtabPath(rmtab);
+        publisher.Start(QStringLiteral("lo"), QHostAddress(QHostAddress::LocalHost));
+        AddShare(publisher, QStringLiteral("/a"), true);
+        QVERIFY(Settle(publisher));
+        const int before = Calls(true).size();
+
+        QElapsedTimer clock;
+        clock.start();
+        publisher.Stop();
+        QVERIFY2(clock.elapsed() < 200, qPrintable(QString::number(clock.elapsed())));
+        AddShare(publisher, QStringLiteral("/b"), true);
+        // The peer lets go within the first second: the wait ends two seconds
+        // after that second, not after five.
+        QTest::qWait(500);
+        QVERIFY(file.write("client:/a\n") > 0);
+        file.close();
+        QTRY_VERIFY_WITH_TIMEOUT(Calls(true).size() > before, 6000);
+        const qint64 waited = clock.elapsed();
+        QVERIFY2(waited >= 3000 && waited < 4500, qPrintable(QString::number(waited)));
+        QCOMPARE(Calls(true).mid(before), QStringList{Export("ro", "*:/b")});
+
+        // Stopped again with nothing announced, there is nothing to wait for.
+        QVERIFY(Settle(publisher));
+        publisher.Stop();
+        QVERIFY(!publisher.CommandsPending());
+    }
 
 private:
     QTemporaryDir m_Dir;
 };
-
-void tPublisherExportsTest::initTestCase()
-{
-    QVERIFY(m_Dir.isValid());
-    const QString standins = qEnvironmentVariable("LARKD_UNIT_TOOLS") + QStringLiteral("/standins");
-    qputenv("PATH", (standins + QLatin1Char(':') + qEnvironmentVariable("PATH")).toLocal8Bit());
-    qputenv("LARKD_RECORD_FILE", m_Dir.filePath(QStringLiteral("exportfs.calls")).toLocal8Bit());
-}
-
-void tPublisherExportsTest::exportsFollowSharesAndPeer()
-{
-    tServicePublisher publisher(QStringLiteral("lark"));
-    publisher.Start(QStringLiteral("lo"), QHostAddress(QHostAddress::LocalHost));
-    publisher.SetPeerIpAddress(QStringLiteral("not-an-ip"));
-    publisher.SetPeerIpAddress(QStringLiteral("192.168.1.20"));
-    publisher.SetPeerIpAddress(QStringLiteral("192.168.1.20"));
-
-    // The peer gets a read-write entry of its own, ahead of everyone's, but
-    // never for a read-only share.
-    AddShare(publisher, QStringLiteral("/media/vol"), false);
-    AddShare(publisher, QStringLiteral("/media/ro vol"), true);
-    QVERIFY(Settle(publisher));
-    QStringList expected{Call({"-o", cRw, "192.168.1.20:/media/vol"}), Call({"-o", cRw, "*:/media/vol"}),
-                         Call({"-o", cRo, "*:/media/ro vol"})};
-    QCOMPARE(Exports(), expected);
-    publisher.RemoveServiceNFS(QStringLiteral("/media/ro vol"));
-    // A new peer's entry replaces the old one's.
-    publisher.SetPeerIpAddress(QStringLiteral("192.168.1.21"));
-    QVERIFY(Settle(publisher));
-    expected << Call({"-u", "*:/media/ro vol"}) << Call({"-u", "192.168.1.20:/media/ro vol"})
-             << Call({"-u", "192.168.1.20:/media/vol"}) << Call({"-o", cRw, "192.168.1.21:/media/vol"});
-    QCOMPARE(Exports(), expected);
-
-    // Each change of peer flushes the server once, later, when the peer had time to mount.
-    QTRY_COMPARE_WITH_TIMEOUT(Calls().count(Call({"-f"})), 2, 5000);
-    QTest::qWait(300);
-    QCOMPARE(Calls().count(Call({"-f"})), 2);
-}
-
-void tPublisherExportsTest::queueRunsStepsInOrderAndKillsSlowOnes()
-{
-    auto queue = std::make_unique<tCommandQueue>();
-    QSignalSpy idle(queue.get(), &tCommandQueue::Idle);
-    QStringList ended;
-    const auto add = [&](const QString& program, const QString& script) {
-        queue->AddProcess(program, {QStringLiteral("-c"), script}, [&ended, script](tOutcome outcome) {
-            ended << script + (outcome == tOutcome::Finished ? QStringLiteral(": finished") : QStringLiteral(": failed"));
-        });
-    };
-    QObject context;
-    queue->AddAction(&context, [&] { ended << QStringLiteral("at once"); });
-    QCOMPARE(ended, QStringList{"at once"});
-    queue->SetCommandTimeout(1000);
-    QElapsedTimer clock;
-    clock.start();
-
-    // A program that crashes or cannot start fails; an exit code counts for
-    // nothing (exportfs reports harmless conditions so). An action runs once
-    // all asked for before it has ended, and only if its context is there.
-    add(QStringLiteral("sh"), QStringLiteral("kill -SEGV $$"));
-    add(QStringLiteral("sh"), QStringLiteral("exit 1"));
-    queue->AddAction(&context, [&] { ended << QStringLiteral("action"); });
-    {
-        QObject gone;
-        queue->AddAction(&gone, [&] { ended << QStringLiteral("gone"); });
-    }
-    add(m_Dir.filePath(QStringLiteral("nothing")), QStringLiteral("missing"));
-    // Killed at the time-out, a program counts as finished, as it always has.
-    add(QStringLiteral("sh"), QStringLiteral("exec sleep 10"));
-    add(QStringLiteral("sh"), QStringLiteral("exit 0"));
-    QVERIFY2(clock.elapsed() < 200, qPrintable(QString::number(clock.elapsed())));
-    QVERIFY(idle.wait(5000));
-    QVERIFY2(clock.elapsed() >= 1000, qPrintable(QString::number(clock.elapsed())));
-    QCOMPARE(ended, (QStringList{"at once", "kill -SEGV $$: failed", "exit 1: finished", "action", "missing: failed",
-                                 "exec sleep 10: finished", "exit 0: finished"}));
-    QCOMPARE(idle.count(), 1);
-    QTRY_COMPARE(Children(), QByteArray());
-
-    // One still running when the queue goes is killed and not waited for:
-    // no warning from a process object destroyed while its program runs.
-    queue->SetCommandTimeout(30000);
-    add(QStringLiteral("sh"), QStringLiteral("exec sleep 10"));
-    QTRY_VERIFY(!Children().isEmpty());
-    s_Warnings = 0;
-    s_PreviousHandler = qInstallMessageHandler(CountWarnings);
-    queue.reset();
-    qInstallMessageHandler(s_PreviousHandler);
-    QCOMPARE(s_Warnings, 0);
-    QTRY_COMPARE(Children(), QByteArray());
-}
-
-void tPublisherExportsTest::stopMakesLaterCommandsWaitForThePeer()
-{
-    const QString rmtab = m_Dir.filePath(QStringLiteral("rmtab"));
-    QFile file(rmtab);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    tServicePublisher publisher{QString()};
-    publisher.SetRmtabPath(rmtab);
-    publisher.Start(QStringLiteral("lo"), QHostAddress(QHostAddress::LocalHost));
-    AddShare(publisher, QStringLiteral("/a"), true);
-    QVERIFY(Settle(publisher));
-    const int before = Calls().size();
-
-    QElapsedTimer clock;
-    clock.start();
-    publisher.Stop();
-    QVERIFY2(clock.elapsed() < 200, qPrintable(QString::number(clock.elapsed())));
-    AddShare(publisher, QStringLiteral("/b"), true);
-    // The peer lets go within the first second: the wait ends two seconds
-    // after that second, not after five.
-    QTest::qWait(500);
-    QVERIFY(file.write("client:/a\n") > 0);
-    file.close();
-    QTRY_VERIFY_WITH_TIMEOUT(Calls().size() > before, 6000);
-    const qint64 waited = clock.elapsed();
-    QVERIFY2(waited >= 3000 && waited < 4500, qPrintable(QString::number(waited)));
-    QCOMPARE(Calls().mid(before), QStringList{Call({"-o", cRo, "*:/b"})});
-
-    // Stopped again with nothing announced, there is nothing to wait for.
-    QVERIFY(Settle(publisher));
-    publisher.Stop();
-    QVERIFY(!publisher.CommandsPending());
-}
 
 QTEST_GUILESS_MAIN(tPublisherExportsTest)
 #include "tst_publisherexports.moc"

@@ -20,97 +20,80 @@ QString MountAndWait(tNfsFileSystem& fileSystem, const QString& options)
         return QStringLiteral("timeout");
     return finished.first().first().toString();
 }
-
-bool Touch(const QString& path)
-{
-    return QFile(path).open(QIODevice::WriteOnly);
-}
 } // namespace
 
 class tNfsFileSystemTest : public QObject
 {
     Q_OBJECT
 private slots:
-    void initTestCase();
-    void mountUnmountAndMountAgain();
-    void refusedOrHangingMountLeavesNoDirectoryOfItsOwn();
+    void initTestCase()
+    {
+        const QString standins = qEnvironmentVariable("LARKD_UNIT_TOOLS") + QStringLiteral("/standins");
+        qputenv("PATH", (standins + QLatin1Char(':') + qEnvironmentVariable("PATH")).toLocal8Bit());
+        qputenv("LARKD_RECORD_FILE", File("calls").toLocal8Bit());
+        qputenv("LARKD_MOUNT_REFUSED", File("refused").toLocal8Bit());
+        qputenv("LARKD_MOUNT_HANGS", File("hangs").toLocal8Bit());
+        qunsetenv("LARKD_STANDIN_TMPFS");
+        m_Share.source = QStringLiteral("169.254.3.7:/run/media/CHARTS");
+    }
+
+    void mountUnmountAndMountAgain()
+    {
+        tNfsFileSystem fileSystem(m_Share);
+        fileSystem.SetMountRoot(m_Dir.path() + QLatin1Char('/'));
+        const QString path = File("169.254.3.7:-run-media-CHARTS");
+        QCOMPARE(MountAndWait(fileSystem, QStringLiteral("rsize=1280,ro")), path);
+        QVERIFY(QFileInfo(path).isDir());
+
+        QSignalSpy unmounted(&fileSystem, &tNfsFileSystem::UnmountFinished);
+        fileSystem.Unmount();
+        QVERIFY(unmounted.wait(5000));
+        QVERIFY(!QFileInfo::exists(path));
+        // The path is kept for the next mount, which first asks whether it is
+        // still mounted; an empty option string adds no "-o".
+        QCOMPARE(fileSystem.MountPoints(), QStringList{ path });
+        QCOMPARE(MountAndWait(fileSystem, QString()), path);
+        QFile calls(File("calls"));
+        QVERIFY(calls.open(QIODevice::ReadOnly));
+        const QString mount = QStringLiteral("mount\t-t\tnfs\t169.254.3.7:/run/media/CHARTS\t") + path;
+        QCOMPARE(QString::fromUtf8(calls.readAll()).split('\n', Qt::SkipEmptyParts),
+                 (QStringList{ mount + QStringLiteral("\t-o\trsize=1280,ro"), QStringLiteral("umount\t-fl\t") + path,
+                               QStringLiteral("mountpoint\t-q\t") + path, mount }));
+    }
+
+    void refusedOrHangingMountLeavesNoDirectoryOfItsOwn()
+    {
+        const QString root = File("failed");
+        const QString path = root + QStringLiteral("/169.254.3.7:-run-media-CHARTS");
+        QVERIFY(QDir().mkdir(root));
+        QVERIFY(QFile(File("refused")).open(QIODevice::WriteOnly));
+        tNfsFileSystem fileSystem(m_Share);
+        fileSystem.SetMountRoot(root);
+        QCOMPARE(MountAndWait(fileSystem, QStringLiteral("ro")), QString());
+        QCOMPARE(fileSystem.MountPoints(), QStringList{ QString() });
+        QVERIFY(!QFileInfo::exists(path));
+        // A directory that was there before stays.
+        QVERIFY(QDir().mkdir(path));
+        QCOMPARE(MountAndWait(fileSystem, QStringLiteral("ro")), QString());
+        QVERIFY(QFileInfo(path).isDir());
+        QVERIFY(QDir().rmdir(path) && QFile::remove(File("refused")));
+
+        // Past its time-out the mount is killed and fails like a refused one.
+        QVERIFY(QFile(File("hangs")).open(QIODevice::WriteOnly));
+        fileSystem.SetProcessTimeout(500);
+        QElapsedTimer clock;
+        clock.start();
+        QCOMPARE(MountAndWait(fileSystem, QStringLiteral("ro")), QString());
+        QVERIFY2(clock.elapsed() < 3000, qPrintable(QString::number(clock.elapsed())));
+        QVERIFY(!QFileInfo::exists(path));
+    }
 
 private:
-    QStringList Calls() const;
+    QString File(const char* name) const { return m_Dir.filePath(QLatin1String(name)); }
 
     QTemporaryDir m_Dir;
     tNfsData m_Share;
 };
-
-void tNfsFileSystemTest::initTestCase()
-{
-    const QString standins = qEnvironmentVariable("LARKD_UNIT_TOOLS") + QStringLiteral("/standins");
-    qputenv("PATH", (standins + QLatin1Char(':') + qEnvironmentVariable("PATH")).toLocal8Bit());
-    qputenv("LARKD_RECORD_FILE", m_Dir.filePath(QStringLiteral("calls")).toLocal8Bit());
-    qputenv("LARKD_MOUNT_REFUSED", m_Dir.filePath(QStringLiteral("refused")).toLocal8Bit());
-    qputenv("LARKD_MOUNT_HANGS", m_Dir.filePath(QStringLiteral("hangs")).toLocal8Bit());
-    qunsetenv("LARKD_STANDIN_TMPFS");
-    m_Share.source = QStringLiteral("169.254.3.7:/run/media/CHARTS");
-}
-
-QStringList tNfsFileSystemTest::Calls() const
-{
-    QFile file(m_Dir.filePath(QStringLiteral("calls")));
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-}
-
-void tNfsFileSystemTest::mountUnmountAndMountAgain()
-{
-    tNfsFileSystem fileSystem(m_Share);
-    fileSystem.SetMountRoot(m_Dir.path() + QLatin1Char('/'));
-    const QString path = m_Dir.filePath(QStringLiteral("169.254.3.7:-run-media-CHARTS"));
-    QCOMPARE(MountAndWait(fileSystem, QStringLiteral("rsize=1280,ro")), path);
-    QVERIFY(QFileInfo(path).isDir());
-
-    QSignalSpy unmounted(&fileSystem, &tNfsFileSystem::UnmountFinished);
-    fileSystem.Unmount();
-    QVERIFY(unmounted.wait(5000));
-    QVERIFY(!QFileInfo::exists(path));
-    // The path is kept for the next mount, which first asks whether it is
-    // still mounted; an empty option string adds no "-o".
-    QCOMPARE(fileSystem.MountPoints(), QStringList{ path });
-    QCOMPARE(MountAndWait(fileSystem, QString()), path);
-    const QString mount = QStringLiteral("mount\t-t\tnfs\t169.254.3.7:/run/media/CHARTS\t") + path;
-    QCOMPARE(Calls(), (QStringList{ mount + QStringLiteral("\t-o\trsize=1280,ro"), QStringLiteral("umount\t-fl\t") + path,
-                                    QStringLiteral("mountpoint\t-q\t") + path, mount }));
-}
-
-void tNfsFileSystemTest::refusedOrHangingMountLeavesNoDirectoryOfItsOwn()
-{
-    const QString root = m_Dir.filePath(QStringLiteral("failed"));
-    const QString path = root + QStringLiteral("/169.254.3.7:-run-media-CHARTS");
-    QVERIFY(QDir().mkdir(root));
-    QVERIFY(Touch(m_Dir.filePath(QStringLiteral("refused"))));
-    tNfsFileSystem fileSystem(m_Share);
-    fileSystem.SetMountRoot(root);
-    QCOMPARE(MountAndWait(fileSystem, QStringLiteral("ro")), QString());
-    QCOMPARE(fileSystem.MountPoints(), QStringList{ QString() });
-    QVERIFY(!QFileInfo::exists(path));
-    // A directory that was there before stays.
-    QVERIFY(QDir().mkdir(path));
-    QCOMPARE(MountAndWait(fileSystem, QStringLiteral("ro")), QString());
-    QVERIFY(QFileInfo(path).isDir());
-    QVERIFY(QDir().rmdir(path));
-    QVERIFY(QFile::remove(m_Dir.filePath(QStringLiteral("refused"))));
-
-    // Past its time-out the mount is killed and fails like a refused one.
-    QVERIFY(Touch(m_Dir.filePath(QStringLiteral("hangs"))));
-    tNfsFileSystem timedOut(m_Share);
-    timedOut.SetMountRoot(root);
-    timedOut.SetProcessTimeout(500);
-    QElapsedTimer clock;
-    clock.start();
-    QCOMPARE(MountAndWait(timedOut, QStringLiteral("ro")), QString());
-    QVERIFY2(clock.elapsed() < 3000, qPrintable(QString::number(clock.elapsed())));
-    QVERIFY(!QFileInfo::exists(path));
-}
 
 QTEST_GUILESS_MAIN(tNfsFileSystemTest)
 #include "tst_nfsfilesystem.moc"

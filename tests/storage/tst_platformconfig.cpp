@@ -11,57 +11,52 @@ class tst_PlatformConfig : public QObject
 {
     Q_OBJECT
 private slots:
-    void initTestCase();
-    void slotTable_data();
-    void slotTable();
-};
-
-void tst_PlatformConfig::initTestCase()
-{
-    LARKD_REQUIRE_NAMESPACE();
-    QVERIFY(MountTmpfs(QStringLiteral("/run/corvex_platform")));
-}
-
-void tst_PlatformConfig::slotTable_data()
-{
-    // The slots found, "position path" each (Single 1, Top 2, Bottom 3, Left 4, Right 5).
-    QTest::addColumn<QByteArray>("file");
-    QTest::addColumn<QStringList>("slotEntries");
-    QTest::newRow("no file") << QByteArray() << QStringList();
-    QTest::newRow("two slots") << QByteArray("model=unit\nsd_slots=top,/dev/a:bottom,/dev/b\n")
-                               << QStringList{ "2 /dev/a", "3 /dev/b" };
-    QTest::newRow("value trimmed, no line end") << QByteArray("sd_slots=  top,/x \t\r") << QStringList{ "2 /x" };
-    // The key is taken as written.
-    QTest::newRow("key in upper case") << QByteArray("SD_SLOTS=top,/x\n") << QStringList();
-    QTest::newRow("leading blank") << QByteArray(" sd_slots=top,/x\n") << QStringList();
-    QTest::newRow("blank before =") << QByteArray("sd_slots = top,/x\n") << QStringList();
-    QTest::newRow("no = on the line") << QByteArray("sd_slots\nmodel=unit\n") << QStringList();
-    QTest::newRow("= inside the value") << QByteArray("sd_slots=top,/x=y\n") << QStringList{ "2 /x=y" };
-    // NUL padding ends a line; a repeated key keeps its first value.
-    QTest::newRow("NUL and repeated key") << QByteArray("sd_slots=top,/a\0:right,/b\nsd_slots=bottom,/b\n", 45)
-                                          << QStringList{ "2 /a" };
-    QTest::newRow("name without case") << QByteArray("sd_slots=TOP,/dev/a:Right,/dev/b") << QStringList{ "2 /dev/a", "5 /dev/b" };
-    QTest::newRow("unknown name dropped") << QByteArray("sd_slots=middle,/dev/a:left,/dev/b") << QStringList{ "4 /dev/b" };
-    QTest::newRow("empty entries skipped") << QByteArray("sd_slots=:single,/dev/a::") << QStringList{ "1 /dev/a" };
-    QTest::newRow("fields trimmed, last one is the path")
-        << QByteArray("sd_slots= left , /dev/x , /dev/a :right,/dev/b") << QStringList{ "4 /dev/a", "5 /dev/b" };
-    QTest::newRow("one field is name and path") << QByteArray("sd_slots=left") << QStringList{ "4 left" };
-}
-
-void tst_PlatformConfig::slotTable()
-{
-    QFETCH(QByteArray, file);
-    QFETCH(QStringList, slotEntries);
-    QFile::remove(QString::fromLatin1(PlatformConfigPath));
-    if (!file.isEmpty()) {
-        QFile config(QString::fromLatin1(PlatformConfigPath));
-        QVERIFY(config.open(QIODevice::WriteOnly) && config.write(file) == file.size());
+    void initTestCase()
+    {
+        LARKD_REQUIRE_NAMESPACE();
+        QVERIFY(MountTmpfs(QStringLiteral("/run/corvex_platform")));
     }
-    QStringList found;
-    for (const SlotEntry& entry : ParseSdSlots(ReadPlatformConfig()))
-        found << QString::number(static_cast<int>(entry.position)) + QLatin1Char(' ') + entry.path;
-    QCOMPARE(found, slotEntries);
-}
+
+    void slotTable_data()
+    {
+        // The slots found, "position path" each (Single 1, Top 2, Bottom 3, Left 4, Right 5).
+        QTest::addColumn<QByteArray>("file");
+        QTest::addColumn<QStringList>("slotEntries");
+        QTest::newRow("no file") << QByteArray() << QStringList();
+        QTest::newRow("two slots") << QByteArray("model=unit\nsd_slots=top,/dev/a:bottom,/dev/b\n")
+                                   << QStringList{ "2 /dev/a", "3 /dev/b" };
+        QTest::newRow("value trimmed, no line end") << QByteArray("sd_slots=  top,/x \t\r") << QStringList{ "2 /x" };
+        // The key is taken as written: upper case, a leading blank, a blank before
+        // "=" or no "=" at all make no slot table.
+        QTest::newRow("key not as written")
+            << QByteArray("SD_SLOTS=top,/a\n sd_slots=top,/b\nsd_slots = top,/c\nsd_slots\nmodel=unit\n") << QStringList();
+        // NUL padding ends a line; a repeated key keeps its first value.
+        QTest::newRow("NUL and repeated key") << QByteArray("sd_slots=top,/a\0:right,/b\nsd_slots=bottom,/b\n", 45)
+                                              << QStringList{ "2 /a" };
+        // Names without case, unknown names and empty entries dropped.
+        QTest::newRow("names") << QByteArray("sd_slots=:TOP,/dev/a:middle,/dev/m::Right,/dev/b:single,/dev/c:")
+                               << QStringList{ "2 /dev/a", "5 /dev/b", "1 /dev/c" };
+        // Fields are trimmed and the last one is the path; a single field is
+        // both name and path; "=" may be part of a path.
+        QTest::newRow("fields") << QByteArray("sd_slots= left , /dev/x , /dev/a :right:top,/x=y")
+                                << QStringList{ "4 /dev/a", "5 right", "2 /x=y" };
+    }
+
+    void slotTable()
+    {
+        QFETCH(QByteArray, file);
+        QFETCH(QStringList, slotEntries);
+        QFile::remove(QString::fromLatin1(PlatformConfigPath));
+        if (!file.isEmpty()) {
+            QFile config(QString::fromLatin1(PlatformConfigPath));
+            QVERIFY(config.open(QIODevice::WriteOnly) && config.write(file) == file.size());
+        }
+        QStringList found;
+        for (const SlotEntry& entry : ParseSdSlots(ReadPlatformConfig()))
+            found << QString::number(static_cast<int>(entry.position)) + QLatin1Char(' ') + entry.path;
+        QCOMPARE(found, slotEntries);
+    }
+};
 
 LARKD_NAMESPACE_TEST_MAIN(tst_PlatformConfig)
 #include "tst_platformconfig.moc"

@@ -5,40 +5,35 @@
 # its Mount calls), notice their removal (udiskie's own log shows it) and leave
 # the system partitions alone.
 set -euo pipefail
-if ! command -v udiskie >/dev/null; then
-    echo "SKIP: udiskie is not installed (scripts/setup.sh installs it)" >&2
-    exit 77
-fi
+command -v udiskie >/dev/null || { echo "SKIP: udiskie is not installed (scripts/setup.sh installs it)" >&2; exit 77; }
 sim=${UDISKS2_SIM:?run through with-sim-bus.sh}
 log=$(mktemp)
 udiskie -C -a -N -T -F --no-terminal -v >"$log" 2>&1 &
 udiskie_pid=$!
 trap 'set +e; kill $udiskie_pid 2>/dev/null; wait $udiskie_pid 2>/dev/null; rm -f "$log"' EXIT
 
-# wait_for DESCRIPTION COMMAND...: polls COMMAND for up to 10 s.
-wait_for() {
-    local what=$1
-    shift
+# expect DESCRIPTION calls|log PATTERN: polls the simulator's record or udiskie's log for up to 10 s.
+expect() {
     for _ in $(seq 200); do
-        "$@" && return 0
+        text=$(if [ "$2" = calls ]; then "$sim" ctl calls; else cat "$log"; fi)
+        grep -q "$3" <<<"$text" && return 0
         sleep 0.05
     done
-    echo "FAIL: $what" >&2
+    echo "FAIL: udiskie did not $1" >&2
     { echo "--- simulator record"; "$sim" ctl calls; echo "--- udiskie log"; cat "$log"; } >&2 || true
     exit 1
 }
-recorded() { "$sim" ctl calls | grep -q "$1"; }
-logged() { grep -q "$1" "$log"; }
-untouched() { ! "$sim" ctl calls | grep -q "$1"; }
 
-wait_for "udiskie did not reach the simulated service" logged "Daemon version: 2.9.4"
-"$sim" ctl insert left charts
-wait_for "udiskie did not mount the card in the built-in slot" recorded "^Mount mmcblk0p1 $SIM_MOUNT_BASE/CHARTS"
-"$sim" ctl remove left
-wait_for "udiskie did not notice the card's removal" logged "device_removed: /org/freedesktop/UDisks2/block_devices/mmcblk0p1"
-"$sim" ctl insert reader photos
-wait_for "udiskie did not mount the card in the reader" recorded "^Mount sdb1 $SIM_MOUNT_BASE/PHOTOS"
-"$sim" ctl remove reader
-wait_for "udiskie did not notice the card pulled from the reader" logged "device_removed: /org/freedesktop/UDisks2/block_devices/sdb1"
-wait_for "udiskie mounted a system partition" untouched "mmcblk2"
+expect "reach the simulated service" log "Daemon version: 2.9.4"
+for card in "left charts mmcblk0p1 CHARTS" "reader photos sdb1 PHOTOS"; do
+    read -r slot medium node label <<<"$card"
+    "$sim" ctl insert "$slot" "$medium"
+    expect "mount the card in slot $slot" calls "^Mount $node $SIM_MOUNT_BASE/$label"
+    "$sim" ctl remove "$slot"
+    expect "notice the removal of the card in slot $slot" log "device_removed: /org/freedesktop/UDisks2/block_devices/$node"
+done
+if "$sim" ctl calls | grep -q mmcblk2; then
+    echo "FAIL: udiskie touched a system partition" >&2
+    exit 1
+fi
 echo "udiskie mounted both cards through the simulator and noticed both removals"
