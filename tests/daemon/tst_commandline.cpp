@@ -19,6 +19,7 @@ void tCommandLineTest::values_data()
     QTest::addColumn<QStringList>("args");
     QTest::addColumn<QString>("error"); // empty: accepted
     QTest::addColumn<int>("port");
+    QTest::newRow("default port") << QStringList() << QString() << 15003;
     QTest::newRow("port wraps to 16 bits") << QStringList{"--port", "70000"} << QString() << 4464;
     QTest::newRow("65536 wraps to 0") << QStringList{"--port", "65536"} << QString() << 0;
     QTest::newRow("port text") << QStringList{"--port", "abc"} << "Bad value specified '-p,--port': abc" << 0;
