@@ -7,7 +7,7 @@
 // mount stand-in that hangs).
 
 #include "DaemonProcess.h"
-#include "LarkdUnit.h"
+#include "Stories.h"
 #include "NetnsPair.h"
 #include "PrivateMounts.h"
 
@@ -74,10 +74,6 @@ private:
     // root. Both share on their ends of the veth pair as their applications
     // ask, unless B is to watch "eth0" by itself.
     bool StartUnits(bool unitBWatchesEth0 = false);
-    // Starts a unit inside its namespace with the application connected there;
-    // with an interface, the application asks to share on it.
-    bool StartUnit(std::unique_ptr<tLarkdUnit>& unit, std::unique_ptr<tAppConnection>& app, const QString& netns,
-                   const QString& interface, const QStringList& options, const QString& unitFile);
     // What B's application is told, as Reported() gives it.
     QStringList HeardB(int count = 1, int timeoutMs = 10000) { return Reported(m_AppB->TakeArrivals(count, timeoutMs)); }
     QByteArray Logs() { return m_UnitA->Log() + "\n=====B\n" + m_UnitB->Log(); }
@@ -130,36 +126,28 @@ void tTwoUnitsTest::cleanup()
 
 bool tTwoUnitsTest::StartUnits(bool unitBWatchesEth0)
 {
-    const QStringList twoWay{"--two-way-connection"};
-    const QStringList optionsB{"--nfs-root", cNfsRoot};
-    const QString noMedia = m_Dir.filePath("no-media.json");
+    const QStringList both{"--unmount-timeout-period", QString::number(cExpiryMs)};
+    const QStringList twoWay{"--two-way-connection", "--peer-mac"};
     // Watching eth0, B does not know A by its MAC address but treats units
     // of A's class as local storage.
-    return StartUnit(m_UnitA, m_AppA, m_Pair->NamespaceA(), tNetnsPair::InterfaceA(),
-                     twoWay + QStringList{"--peer-mac", tNetnsPair::MacB(), "--writeable-exports", "--code-name", "alpha"},
-                     E2eUnitFile())
-           && (unitBWatchesEth0
-                   ? StartUnit(m_UnitB, m_AppB, m_Pair->NamespaceB(), QString(),
-                               optionsB + QStringList{"--treat-remote-as-local", "alpha"}, noMedia)
-                   : StartUnit(m_UnitB, m_AppB, m_Pair->NamespaceB(), tNetnsPair::InterfaceB(),
-                               twoWay + optionsB + QStringList{"--peer-mac", tNetnsPair::MacA()}, noMedia));
-}
-
-bool tTwoUnitsTest::StartUnit(std::unique_ptr<tLarkdUnit>& unit, std::unique_ptr<tAppConnection>& app,
-                              const QString& netns, const QString& interface, const QStringList& options,
-                              const QString& unitFile)
-{
-    unit.reset(new tLarkdUnit(unitFile, options + QStringList{"--unmount-timeout-period", QString::number(cExpiryMs)},
-                              cApplicationPort));
-    app.reset(new tAppConnection);
-    // The unit's processes and the application's socket live in the namespace.
+    m_UnitA.reset(new tLarkdUnit(E2eUnitFile(), both + twoWay + QStringList{tNetnsPair::MacB(), "--writeable-exports", "--code-name", "alpha"},
+                                 cApplicationPort));
+    m_UnitB.reset(new tLarkdUnit(m_Dir.filePath("no-media.json"),
+                                 both + QStringList{"--nfs-root", cNfsRoot}
+                                     + (unitBWatchesEth0 ? QStringList{"--treat-remote-as-local", "alpha"} : twoWay + QStringList{tNetnsPair::MacA()}),
+                                 cApplicationPort));
+    m_AppA.reset(new tAppConnection);
+    m_AppB.reset(new tAppConnection);
+    // The units' processes and the applications' sockets live in their namespaces.
     QString error;
-    const bool started = m_Pair->Enter(netns) && unit->Start(&error) && app->Connect(unit->Port());
+    const bool started = m_Pair->Enter(m_Pair->NamespaceA()) && m_UnitA->Start(&error) && m_AppA->Connect(cApplicationPort)
+                         && m_Pair->Enter(m_Pair->NamespaceB()) && m_UnitB->Start(&error) && m_AppB->Connect(cApplicationPort);
     m_Pair->Leave();
     if (!started)
         qWarning("%s", qPrintable(error));
-    else if (!interface.isEmpty())
-        app->Send(AppRequest("chartsharing", QJsonArray{interface}));
+    m_AppA->Send(AppRequest("chartsharing", QJsonArray{tNetnsPair::InterfaceA()}));
+    if (!unitBWatchesEth0)
+        m_AppB->Send(AppRequest("chartsharing", QJsonArray{tNetnsPair::InterfaceB()}));
     return started;
 }
 
@@ -167,12 +155,10 @@ void tTwoUnitsTest::peerCardBecomesARemoteVolume()
 {
     QVERIFY(StartUnits());
     // A's card, writable and exported writable to the peer, is mounted "rw".
-    const QJsonObject charts = m_AppB->TakeArrivals(1, 15000).value(0);
-    QVERIFY2(charts.value("path") == cCharts, Logs().constData());
-    QCOMPARE(charts.value("friendlyname").toString(), QStringLiteral("Memory Card - Left"));
-    QCOMPARE(charts.value("type").toString(), QStringLiteral("memorycard"));
-    QCOMPARE(charts.value("remote"), QJsonValue(false)); // from the configured peer
-    QCOMPARE(charts.value("readonly"), QJsonValue(false));
+    // It is not "remote", coming from the configured peer.
+    QVERIFY2(Arrived(*m_AppB, {{"path", cCharts}, {"friendlyname", "Memory Card - Left"}, {"type", "memorycard"},
+                               {"remote", false}, {"readonly", false}}, 15000),
+             Logs().constData());
     QCOMPARE(m_UnitB->Ran("mount"), QStringList{MountCall("CHARTS", cChartsDir, "rw")});
     QVERIFY(m_UnitB->MountTable().contains("169.254.10.1:/run/media/CHARTS " + cChartsMount.toUtf8()));
     // A grants the peer its own writable export once it hears from it, though
@@ -183,7 +169,7 @@ void tTwoUnitsTest::peerCardBecomesARemoteVolume()
 
     // A read-only card is mounted "ro".
     QVERIFY(m_UnitA->Insert("extra", "maps"));
-    QCOMPARE(m_AppB->TakeArrivals(1).value(0).value("readonly"), QJsonValue(true));
+    QVERIFY(Arrived(*m_AppB, {{"readonly", true}}));
     QCOMPARE(m_UnitB->Ran("mount").value(1), MountCall("MAPS", cMapsDir, "ro"));
 
     // A stick whose label is a string of printf directives: its share's path
@@ -310,9 +296,7 @@ void tTwoUnitsTest::eth0SharesWhileUpWithALinkLocalAddress()
     // The direct cable's link-local address starts sharing. A's card is
     // reported as local storage.
     QVERIFY(ip(b, "addr add 169.254.10.2/16 dev eth0"));
-    const QJsonObject charts = m_AppB->TakeArrivals(1, 15000).value(0);
-    QCOMPARE(charts.value("path").toString(), cCharts);
-    QCOMPARE(charts.value("remote"), QJsonValue(false));
+    QVERIFY(Arrived(*m_AppB, {{"path", cCharts}, {"remote", false}}, 15000));
 
     // Link down: sharing stops, so the peer's share expires; up: it starts again.
     QVERIFY(ip(b, "link set eth0 down"));
@@ -373,9 +357,7 @@ void tTwoUnitsTest::peerThatNeverAnswersHoldsNothingUp()
     QFile::remove(m_Hangs);
     QVERIFY(QFile(m_Refused).open(QIODevice::WriteOnly));
     QVERIFY(m_UnitA->Insert("left", "charts"));
-    const QList<QJsonObject> arrivals = m_AppB->TakeArrivals(1, 10000);
-    QCOMPARE(Reported(arrivals), QStringList{"+"});
-    QCOMPARE(arrivals.first().value("friendlyname").toString(), QStringLiteral("Memory Card - Left"));
+    QVERIFY(Arrived(*m_AppB, {{"path", ""}, {"friendlyname", "Memory Card - Left"}, {"type", "memorycard"}}));
     QCOMPARE(m_UnitB->Ran("mount").size(), 2);
     QVERIFY(!QFileInfo::exists(m_UnitB->Inside(cChartsMount)));
 
