@@ -51,7 +51,8 @@ void tSyslogTest::priorityAndBareText()
     tLogSink sink(m_Dir.filePath("log1"));
     QVERIFY(sink.IsBound());
     qputenv(kEmitterVariable, "1");
-    const tFinishedProcess emitter = RunToEnd(TestScript("with-devlog.sh"), {m_Dir.filePath("log1"), QCoreApplication::applicationFilePath()});
+    const tFinishedProcess emitter =
+        RunToEnd(TestScript("with-devlog.sh"), {m_Dir.filePath("log1"), QCoreApplication::applicationFilePath()});
     qunsetenv(kEmitterVariable);
     QCOMPARE(emitter.exitCode, 0);
 
