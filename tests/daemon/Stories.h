@@ -2,6 +2,8 @@
 
 #include "LarkdUnit.h"
 
+#include <QTest>
+
 // How most stories begin: the unit up and the application connected, told of
 // the card present at start. On failure the unit's log is printed.
 inline bool Boot(tLarkdUnit& unit, tAppConnection& app)
@@ -12,6 +14,15 @@ inline bool Boot(tLarkdUnit& unit, tAppConnection& app)
         return true;
     qWarning("%s\n%s", qPrintable(error), unit.Log().constData());
     return false;
+}
+
+// The arrivals of at least count volumes and whatever else comes within
+// 300 ms, so that a volume told twice shows.
+inline QList<QJsonObject> Settled(tAppConnection& app, int count = 0)
+{
+    QList<QJsonObject> arrivals = app.TakeArrivals(count);
+    QTest::qWait(300);
+    return arrivals + app.TakeArrivals(0);
 }
 
 // Takes one arrival and compares the values of the expected keys; on a

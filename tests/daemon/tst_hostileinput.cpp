@@ -69,8 +69,7 @@ void tHostileInputTest::directivesInALabelThenRescanAndPullEverything()
     QVERIFY(unit.Remove(QStringLiteral("left")) && unit.Remove(QStringLiteral("usb")));
     QCOMPARE(Reported(app.TakeArrivals(2)), QStringList({"-/run/media/CHARTS", '-' + QString::fromUtf8(path)}));
     app.SendRaw(cEnquiry);
-    QTest::qWait(300);
-    QCOMPARE(app.TakeArrivals(0).size(), 0);
+    QCOMPARE(Settled(app).size(), 0);
     QVERIFY2(unit.Stop(), unit.Log().constData());
 }
 

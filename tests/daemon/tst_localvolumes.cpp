@@ -134,8 +134,7 @@ void tLocalVolumesTest::theApplicationsConnection()
     QCOMPARE(app.TakeArrivals(2).size(), 2);
     app.SendRaw(enquiry.mid(10) + nul + enquiry.left(20));
     QCOMPARE(app.TakeArrivals(1).size(), 1);
-    QTest::qWait(200);
-    QCOMPARE(app.TakeArrivals(0).size(), 0);
+    QCOMPARE(Settled(app).size(), 0);
     app.SendRaw(enquiry.mid(20) + nul);
     QCOMPARE(app.TakeArrivals(1).size(), 1);
     // A document larger than the daemon's read buffer.
@@ -219,9 +218,7 @@ void tLocalVolumesTest::restartsOfLarkdAndOfTheServiceAreFollowed()
     // tells an application connected as it starts of each exactly once.
     tAppConnection app;
     QVERIFY(app.Connect(unit.Port()));
-    QList<QJsonObject> arrivals = app.TakeArrivals(3);
-    QTest::qWait(300);
-    arrivals += app.TakeArrivals(0);
+    QList<QJsonObject> arrivals = Settled(app, 3);
     QCOMPARE(Reported(arrivals), QStringList({"+/run/media/CHARTS", "+/run/media/PHOTOS", "+/run/media/STICK"}));
     for (const QJsonObject& arrival : qAsConst(arrivals))
         QVERIFY(arrival.value("path") != "/run/media/CHARTS" || arrival.value("friendlyname") == "Memory Card - Left");
@@ -248,12 +245,9 @@ void tLocalVolumesTest::restartsOfLarkdAndOfTheServiceAreFollowed()
     QVERIFY2(unit.Away(&error) && unit.KillAndAwaitRestart(&error), qPrintable(error));
     tAppConnection late;
     QVERIFY(late.Connect(unit.Port()));
-    QTest::qWait(200);
-    QCOMPARE(late.TakeArrivals(0).size(), 0);
+    QCOMPARE(Settled(late).size(), 0);
     QVERIFY2(unit.Back(&error), qPrintable(error));
-    arrivals = late.TakeArrivals(2);
-    QTest::qWait(300);
-    arrivals += late.TakeArrivals(0);
+    arrivals = Settled(late, 2);
     QCOMPARE(Reported(arrivals), QStringList({"+/run/media/CHARTS", "+/run/media/PHOTOS"}));
 
     // While the service is away a card is pulled and a stick put in: larkd
@@ -261,17 +255,14 @@ void tLocalVolumesTest::restartsOfLarkdAndOfTheServiceAreFollowed()
     QVERIFY2(unit.Away(&error), qPrintable(error));
     QVERIFY(unit.Remove("left"));
     QVERIFY(unit.Insert("usb", "stick"));
-    QTest::qWait(300);
-    QCOMPARE(late.TakeArrivals(0).size(), 0);
+    QCOMPARE(Settled(late).size(), 0);
     simulatorCallsBefore = unit.Calls().size();
     exportsBefore = unit.Ran("exportfs").size();
 
     // Back: the card is reported gone and unexported, the stick mounted and
     // reported; the card that stayed is neither reported again nor remounted.
     QVERIFY2(unit.Back(&error), qPrintable(error));
-    arrivals = late.TakeArrivals(2);
-    QTest::qWait(300);
-    arrivals += late.TakeArrivals(0);
+    arrivals = Settled(late, 2);
     QCOMPARE(Reported(arrivals), QStringList({"+/run/media/STICK", "-/run/media/CHARTS"}));
     QTRY_VERIFY(exports().contains(QStringLiteral("-u\t*:/run/media/CHARTS")));
     QVERIFY2(exports().filter(QStringLiteral("PHOTOS")).isEmpty(), qPrintable(exports().join('\n')));

@@ -72,9 +72,8 @@ void tSyslogTest::priorityAndBareText()
 void tSyslogTest::tellsServiceManagerAndLogs()
 {
     for (const bool watchdog : {false, true}) {
-        const QString tag = watchdog ? "-watchdog" : "";
-        const QString logPath = m_Dir.filePath("log4" + tag);
-        const QString notifyPath = m_Dir.filePath("notify" + tag);
+        const QString logPath = m_Dir.filePath(watchdog ? "log-watchdog" : "log");
+        const QString notifyPath = m_Dir.filePath(watchdog ? "notify-watchdog" : "notify");
         tLogSink log(logPath);
         tLogSink manager(notifyPath);
         QVERIFY(log.IsBound() && manager.IsBound());
