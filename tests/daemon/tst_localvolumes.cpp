@@ -3,8 +3,8 @@
 // UDisks2 is stood in for by the project's simulator, exportfs by a recording
 // stand-in.
 
+#include "Stories.h"
 #include "DaemonProcess.h"
-#include "AppConnection.h"
 #include "PrivateMounts.h"
 #include "storage/CidWithCrc.h"
 
@@ -20,16 +20,11 @@ namespace
 {
 const QString cVfatOptions = QStringLiteral("utf8,shortname=mixed");
 
-QJsonValue Null()
-{
-    return QJsonValue(QJsonValue::Null);
-}
-
-// The link's own text, unresolved.
-QString LinkTarget(const QString& path)
+// The text of a friendly link in /run/media, unresolved.
+QString Link(const tLarkdUnit& unit, const QString& name)
 {
     char target[PATH_MAX];
-    const ssize_t size = readlink(QFile::encodeName(path).constData(), target, sizeof target);
+    const ssize_t size = readlink(QFile::encodeName(unit.Inside("/run/media/" + name)).constData(), target, sizeof target);
     return size < 0 ? QString() : QFile::decodeName(QByteArray(target, int(size)));
 }
 } // namespace
@@ -39,154 +34,86 @@ class tLocalVolumesTest : public QObject
     Q_OBJECT
 private slots:
     void initTestCase();
-    void cardsAndSticksAreMountedLinkedExportedAndReported();
-    void removalIsReportedUnmountedAndItsLinkSwept();
+    void cardsAndSticksComeAndGo();
     void theApplicationsConnection();
-    void restartAdoptsWhatIsMountedAndReportsEachOnce();
-    void serviceRestartIsFollowed();
+    void restartsOfLarkdAndOfTheServiceAreFollowed();
 
 private:
     QTemporaryDir m_Files;
-    QString m_ContentIdFile;
-    QString m_SerialNumberFile;
 };
 
 void tLocalVolumesTest::initTestCase()
 {
     LARKD_REQUIRE_NAMESPACE();
-    m_ContentIdFile = m_Files.filePath(QStringLiteral("content-id"));
-    m_SerialNumberFile = m_Files.filePath(QStringLiteral("serial"));
-    QFile contentId(m_ContentIdFile);
-    QVERIFY(contentId.open(QIODevice::WriteOnly));
-    contentId.write("CONTENT-7 trailing words\n");
-    contentId.close();
-    QFile serial(m_SerialNumberFile);
-    QVERIFY(serial.open(QIODevice::WriteOnly));
-    serial.write("  SN-0042\n");
+    for (const auto& [name, text] :
+         {std::pair{"content-id", "CONTENT-7 trailing words\n"}, std::pair{"serial", "  SN-0042\n"}}) {
+        QFile file(m_Files.filePath(name));
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.write(text) > 0);
+    }
 }
 
-void tLocalVolumesTest::cardsAndSticksAreMountedLinkedExportedAndReported()
+void tLocalVolumesTest::cardsAndSticksComeAndGo()
 {
-    tLarkdUnit unit(E2eUnitFile(), {QStringLiteral("--vfat"), cVfatOptions, QStringLiteral("--writeable-exports"),
-                                    QStringLiteral("--internal-share-path"), QStringLiteral("/srv/charts"),
-                                    QStringLiteral("--content-id-file"), m_ContentIdFile,
-                                    QStringLiteral("--serial-number-file"), m_SerialNumberFile});
-    QString error;
-    QVERIFY2(unit.Start(&error), qPrintable(error));
-
-    // The card present at start is reported when the application connects.
+    const QString contentIdFile = m_Files.filePath("content-id");
+    tLarkdUnit unit(E2eUnitFile(), {"--vfat", cVfatOptions, "--writeable-exports", "--internal-share-path", "/srv/charts",
+                                    "--content-id-file", contentIdFile, "--serial-number-file", m_Files.filePath("serial")});
     tAppConnection app;
-    QVERIFY(app.Connect(unit.Port()));
-    QList<QJsonObject> arrivals = app.TakeArrivals(1);
-    QVERIFY2(arrivals.size() == 1, unit.Log().constData());
-    const QJsonObject expectedCharts{
-        {QStringLiteral("friendlyname"), QStringLiteral("Memory Card - Left")},
-        {QStringLiteral("fixed"), false},
-        {QStringLiteral("readonly"), false},
-        {QStringLiteral("remote"), false},
-        {QStringLiteral("serialnumber"), QStringLiteral("SN-0042")},
-        {QStringLiteral("contentid"), QStringLiteral("CONTENT-7")},
-        {QStringLiteral("key"), CidWithCrc(QStringLiteral("035344534c31364780b1d4a4c5011600"))},
-        {QStringLiteral("path"), QStringLiteral("/run/media/CHARTS")},
-        {QStringLiteral("type"), QStringLiteral("memorycard")}};
-    QCOMPARE(arrivals.first(), expectedCharts);
-    QCOMPARE(LinkTarget(unit.Inside(QStringLiteral("/run/media/Memory Card - 1"))), QStringLiteral("CHARTS"));
+    QVERIFY(Boot(unit, app));
 
-    // Inserted later: a card in the other slot, a read-only ext4 card in an
-    // unconfigured slot, and a USB stick.
-    QVERIFY(unit.Insert(QStringLiteral("right"), QStringLiteral("photos")));
-    arrivals = app.TakeArrivals(1);
-    QCOMPARE(arrivals.size(), 1);
-    QCOMPARE(arrivals.first().value(QStringLiteral("friendlyname")), QJsonValue(QStringLiteral("Memory Card - Right")));
-    QCOMPARE(arrivals.first().value(QStringLiteral("path")), QJsonValue(QStringLiteral("/run/media/PHOTOS")));
-    QCOMPARE(LinkTarget(unit.Inside(QStringLiteral("/run/media/Memory Card - 2"))), QStringLiteral("PHOTOS"));
+    // Inserted later: a card in the other slot, a USB stick, and a read-only
+    // ext4 card in an unconfigured slot, whose link name (the first slot's)
+    // is taken: it is mounted all the same.
+    QVERIFY(unit.Insert("right", "photos"));
+    QVERIFY(Arrived(app, {{"friendlyname", "Memory Card - Right"}, {"fixed", false}, {"readonly", false}, {"remote", false},
+                          {"serialnumber", "SN-0042"}, {"contentid", "CONTENT-7"}, {"path", "/run/media/PHOTOS"},
+                          {"key", CidWithCrc("02544d5341333247060e6cc1ab00d4aa")}, {"type", "memorycard"}}));
 
     // A new content ID is read when its file changes.
-    const QDateTime before = QFileInfo(m_ContentIdFile).lastModified();
-    QFile contentId(m_ContentIdFile);
-    QVERIFY(contentId.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    contentId.write("CONTENT-8\n");
-    contentId.close();
-    QVERIFY(contentId.open(QIODevice::ReadWrite));
+    const QDateTime before = QFileInfo(contentIdFile).lastModified();
+    QFile contentId(contentIdFile);
+    QVERIFY(contentId.open(QIODevice::WriteOnly | QIODevice::Truncate) && contentId.write("CONTENT-8\n") > 0
+            && contentId.flush());
     QVERIFY(contentId.setFileTime(before.addSecs(5), QFileDevice::FileModificationTime));
     contentId.close();
-    QVERIFY(unit.Insert(QStringLiteral("usb"), QStringLiteral("stick")));
-    arrivals = app.TakeArrivals(1);
-    QCOMPARE(arrivals.size(), 1);
-    QCOMPARE(arrivals.first().value(QStringLiteral("contentid")), QJsonValue(QStringLiteral("CONTENT-8")));
-    QCOMPARE(arrivals.first().value(QStringLiteral("friendlyname")), QJsonValue(QStringLiteral("USB Mass Storage")));
-    QCOMPARE(arrivals.first().value(QStringLiteral("type")), QJsonValue(QStringLiteral("harddrive")));
-    QCOMPARE(arrivals.first().value(QStringLiteral("key")), QJsonValue(QString()));
-    QCOMPARE(LinkTarget(unit.Inside(QStringLiteral("/run/media/USB Memory Card A1"))), QStringLiteral("STICK"));
-
-    QVERIFY(unit.Insert(QStringLiteral("extra"), QStringLiteral("maps")));
-    arrivals = app.TakeArrivals(1);
-    QCOMPARE(arrivals.size(), 1);
-    QCOMPARE(arrivals.first().value(QStringLiteral("readonly")), QJsonValue(true));
-    QCOMPARE(arrivals.first().value(QStringLiteral("friendlyname")), QJsonValue(QStringLiteral("Memory Card")));
+    QVERIFY(unit.Insert("usb", "stick"));
+    QVERIFY(Arrived(app, {{"contentid", "CONTENT-8"}, {"friendlyname", "USB Mass Storage"}, {"type", "harddrive"},
+                          {"key", ""}}));
+    QVERIFY(unit.Insert("extra", "maps"));
+    QVERIFY(Arrived(app, {{"readonly", true}, {"friendlyname", "Memory Card"}}));
+    for (const auto& [link, target] : {std::pair{"Memory Card - 1", "CHARTS"}, std::pair{"Memory Card - 2", "PHOTOS"},
+                                       std::pair{"USB Memory Card A1", "STICK"}})
+        QCOMPARE(Link(unit, link), QString(target));
 
     // vfat volumes get the configured options, others none.
     const QStringList mounts = unit.Calls().filter(QRegularExpression(QStringLiteral("^Mount ")));
-    QCOMPARE(mounts.size(), 4);
-    QVERIFY2(mounts.at(0).startsWith(QStringLiteral("Mount mmcblk0p1 /run/media/CHARTS ")), qPrintable(mounts.at(0)));
-    for (int i : {0, 1, 2})
-        QVERIFY2(mounts.at(i).contains(QStringLiteral("options=") + cVfatOptions), qPrintable(mounts.at(i)));
-    QVERIFY2(!mounts.at(3).contains(QStringLiteral("options=")), qPrintable(mounts.at(3)));
+    QVERIFY2(mounts.size() == 4 && mounts.at(0).startsWith(QStringLiteral("Mount mmcblk0p1 /run/media/CHARTS "))
+                 && mounts.mid(0, 3).filter("options=" + cVfatOptions).size() == 3 && !mounts.at(3).contains("options="),
+             qPrintable(mounts.join('\n')));
 
     // Writable volumes are exported writable; a read-only card stays read-only.
-    // A volume is reported at once, and exported once the exports before it have run.
-    auto exportOf = [&unit](const QString& path) {
-        const QStringList found = unit.Ran(QStringLiteral("exportfs")).filter(QStringLiteral("\t*:") + path);
-        return found.isEmpty() ? QString() : found.first();
-    };
-    const auto exports = [&unit]() { return unit.Ran(QStringLiteral("exportfs")).join('\n'); };
-    QTRY_VERIFY2(exportOf(QStringLiteral("/run/media/CHARTS")).startsWith(QStringLiteral("-o\trw")), qPrintable(exports()));
-    QTRY_VERIFY2(exportOf(QStringLiteral("/run/media/PHOTOS")).startsWith(QStringLiteral("-o\trw")), qPrintable(exports()));
-    QTRY_VERIFY2(exportOf(QStringLiteral("/run/media/MAPS")).startsWith(QStringLiteral("-o\tro")), qPrintable(exports()));
-    QTRY_VERIFY2(exportOf(QStringLiteral("/srv/charts")).startsWith(QStringLiteral("-o\tro")), qPrintable(exports()));
-}
+    for (const auto& [access, path] : {std::pair{"rw", "/run/media/CHARTS"}, std::pair{"rw", "/run/media/PHOTOS"},
+                                       std::pair{"ro", "/run/media/MAPS"}, std::pair{"ro", "/srv/charts"}})
+        QTRY_VERIFY2(unit.Ran("exportfs").contains(
+                         QStringLiteral("-o\t%1,no_root_squash,no_subtree_check\t*:%2").arg(access, path)),
+                     qPrintable(unit.Ran("exportfs").join('\n')));
 
-void tLocalVolumesTest::removalIsReportedUnmountedAndItsLinkSwept()
-{
-    tLarkdUnit unit(E2eUnitFile(), {});
-    QString error;
-    QVERIFY2(unit.Start(&error), qPrintable(error));
-    tAppConnection app;
-    QVERIFY(app.Connect(unit.Port()));
-    QCOMPARE(app.TakeArrivals(1).size(), 1);
-
-    // A card whose link name is taken stays mounted and only warns.
-    QVERIFY(unit.Insert(QStringLiteral("extra"), QStringLiteral("photos")));
-    QList<QJsonObject> arrivals = app.TakeArrivals(1);
-    QCOMPARE(arrivals.size(), 1);
-    QCOMPARE(arrivals.first().value(QStringLiteral("path")), QJsonValue(QStringLiteral("/run/media/PHOTOS")));
-    QCOMPARE(LinkTarget(unit.Inside(QStringLiteral("/run/media/Memory Card - 1"))), QStringLiteral("CHARTS"));
-    QVERIFY(QFileInfo(unit.Inside(QStringLiteral("/run/media/PHOTOS"))).isDir());
-
-    QVERIFY(unit.Remove(QStringLiteral("left")));
-    arrivals = app.TakeArrivals(1);
-    QCOMPARE(arrivals.size(), 1);
-    const QJsonObject gone{{QStringLiteral("friendlyname"), Null()}, {QStringLiteral("fixed"), Null()},
-                           {QStringLiteral("readonly"), Null()},     {QStringLiteral("remote"), Null()},
-                           {QStringLiteral("serialnumber"), Null()}, {QStringLiteral("contentid"), Null()},
-                           {QStringLiteral("key"), Null()},          {QStringLiteral("path"), QStringLiteral("/run/media/CHARTS")},
-                           {QStringLiteral("type"), Null()}};
-    QCOMPARE(arrivals.first(), gone);
-    QTRY_VERIFY(unit.Ran(QStringLiteral("exportfs")).contains(QStringLiteral("-u\t*:/run/media/CHARTS")));
-    // The link goes with the volume, although the service removes a pulled
-    // medium's mount directory only after its objects (and nothing sweeps
-    // dangling links later).
-    QTRY_VERIFY(!QFileInfo(unit.Inside(QStringLiteral("/run/media/Memory Card - 1"))).isSymLink());
-    QVERIFY(QFileInfo(unit.Inside(QStringLiteral("/run/media/PHOTOS"))).isDir());
+    // Pulled: reported with nothing but its path, unexported, and its link
+    // swept, although the service removes a pulled medium's mount directory
+    // only after its objects (and nothing sweeps dangling links later).
+    QVERIFY(unit.Remove("left"));
+    QJsonObject gone{{"path", "/run/media/CHARTS"}};
+    for (const char* key : {"friendlyname", "fixed", "readonly", "remote", "serialnumber", "contentid", "key", "type"})
+        gone.insert(key, QJsonValue::Null);
+    QCOMPARE(app.TakeArrivals(1).value(0), gone);
+    QTRY_VERIFY(unit.Ran("exportfs").contains(QStringLiteral("-u\t*:/run/media/CHARTS")));
+    QTRY_VERIFY(!QFileInfo(unit.Inside("/run/media/Memory Card - 1")).isSymLink());
+    QVERIFY(QFileInfo(unit.Inside("/run/media/MAPS")).isDir());
 
     // Unmounted by someone else: reported gone, and larkd unmounts it too
     // (which the service refuses, the volume being unmounted already), once
     // its unexport has run.
-    QVERIFY(unit.Unmount(QStringLiteral("mmcblk3p1")));
-    arrivals = app.TakeArrivals(1);
-    QCOMPARE(arrivals.size(), 1);
-    QCOMPARE(arrivals.first().value(QStringLiteral("path")), QJsonValue(QStringLiteral("/run/media/PHOTOS")));
-    QVERIFY(arrivals.first().value(QStringLiteral("type")).isNull());
+    QVERIFY(unit.Unmount("mmcblk3p1"));
+    QCOMPARE(Reported(app.TakeArrivals(1)), QStringList{"-/run/media/MAPS"});
     QTRY_VERIFY(unit.Calls().contains(QStringLiteral("Unmount-refused mmcblk3p1")));
 }
 
@@ -194,27 +121,20 @@ void tLocalVolumesTest::removalIsReportedUnmountedAndItsLinkSwept()
 // taking over, the signals; without chart sharing nothing is exported.
 void tLocalVolumesTest::theApplicationsConnection()
 {
-    tLarkdUnit unit(E2eUnitFile(), {QStringLiteral("--disable-chart-sharing"), QStringLiteral("--internal-share-path"),
-                                    QStringLiteral("/srv/charts")});
-    QString error;
-    QVERIFY2(unit.Start(&error), qPrintable(error));
+    tLarkdUnit unit(E2eUnitFile(), {"--disable-chart-sharing", "--internal-share-path", "/srv/charts"});
     tAppConnection app;
-    QVERIFY(app.Connect(unit.Port()));
-    QCOMPARE(Reported(app.TakeArrivals(1)), QStringList{QStringLiteral("+/run/media/CHARTS")});
+    QVERIFY(Boot(unit, app));
     const QByteArray enquiry = R"({"message":{"type":"enquerydevicelist"}})";
     const QByteArray nul(1, '\0');
 
-    // Two documents in one segment are both answered.
-    app.SendRaw(enquiry + nul + enquiry + nul);
+    // Two documents in one segment are both answered; a document across
+    // segments is handled once its NUL arrives, and bytes after the last NUL
+    // wait for theirs.
+    app.SendRaw(enquiry + nul + enquiry + nul + enquiry.left(10));
     QCOMPARE(app.TakeArrivals(2).size(), 2);
-    // A document across segments is handled once its NUL arrives, and bytes
-    // after the last NUL wait for theirs.
-    app.SendRaw(enquiry.left(10));
-    QTest::qWait(100);
     app.SendRaw(enquiry.mid(10) + nul + enquiry.left(20));
     QCOMPARE(app.TakeArrivals(1).size(), 1);
-    QTest::qWait(200);
-    QCOMPARE(app.TakeArrivals(0).size(), 0);
+    QCOMPARE(Settled(app).size(), 0);
     app.SendRaw(enquiry.mid(20) + nul);
     QCOMPARE(app.TakeArrivals(1).size(), 1);
     // A document larger than the daemon's read buffer.
@@ -230,9 +150,9 @@ void tLocalVolumesTest::theApplicationsConnection()
     // SIGUSR1: every volume reported again; SIGUSR2: every volume unmounted
     // and mounted again, as if re-inserted.
     SendSignal(unit.Process(), SIGUSR1);
-    QCOMPARE(Reported(app.TakeArrivals(1)), QStringList{QStringLiteral("+/run/media/CHARTS")});
+    QCOMPARE(Reported(app.TakeArrivals(1)), QStringList{"+/run/media/CHARTS"});
     SendSignal(unit.Process(), SIGUSR2);
-    QCOMPARE(Reported(app.TakeArrivals(1)), QStringList{QStringLiteral("+/run/media/CHARTS")});
+    QCOMPARE(Reported(app.TakeArrivals(1)), QStringList{"+/run/media/CHARTS"});
     const QStringList calls = unit.Calls().filter(QRegularExpression(QStringLiteral("^(Mount|Unmount) ")));
     QVERIFY2(calls.size() == 3 && calls.at(1).startsWith(QStringLiteral("Unmount mmcblk0p1"))
                  && calls.at(2).startsWith(QStringLiteral("Mount mmcblk0p1")),
@@ -243,7 +163,7 @@ void tLocalVolumesTest::theApplicationsConnection()
     // connection is neither answered nor told of new volumes.
     const QString client = qEnvironmentVariable("LARKD_CLIENT_BINARY");
     const QStringList port{QStringLiteral("--port"), QString::number(unit.Port())};
-    const tFinishedProcess list = RunToEnd(client, port + QStringList{QStringLiteral("list"), QStringLiteral("--wait"), QStringLiteral("300")});
+    const tFinishedProcess list = RunToEnd(client, port + QStringList{"list", "--wait", "300"});
     QVERIFY2(list.exitCode == 0 && list.out.count('\n') == 1 && list.out.contains(R"("path":"/run/media/CHARTS")"),
              list.out.constData());
     QProcess follow;
@@ -251,21 +171,19 @@ void tLocalVolumesTest::theApplicationsConnection()
     QByteArray out;
     QTRY_VERIFY_WITH_TIMEOUT((out += follow.readAllStandardOutput()).count('\n') == 1, 10000);
     app.SendRaw(enquiry + nul);
-    QVERIFY(unit.Insert(QStringLiteral("usb"), QStringLiteral("stick")));
+    QVERIFY(unit.Insert("usb", "stick"));
     QTRY_VERIFY_WITH_TIMEOUT((out += follow.readAllStandardOutput()).count('\n') == 2, 10000);
     QVERIFY2(out.split('\n').at(1).contains(R"("path":"/run/media/STICK")"), out.constData());
     QCOMPARE(app.TakeArrivals(0).size(), 0);
     StopProcess(follow);
 
-    // Linked, but exported not even the internal store.
-    QCOMPARE(LinkTarget(unit.Inside(QStringLiteral("/run/media/Memory Card - 1"))), QStringLiteral("CHARTS"));
-    QCOMPARE(unit.Ran(QStringLiteral("exportfs")), QStringList());
+    // Not even the internal store is exported.
+    QCOMPARE(unit.Ran("exportfs"), QStringList());
 
     // SIGTERM ends with status 0 and leaves the volumes mounted: a mount
     // directory (made by the simulator's mount, removed by its unmount)
     // outlives larkd, seen through a handle on larkd's /run/media.
-    const int media = open(QFile::encodeName(unit.Inside(QStringLiteral("/run/media"))).constData(),
-                           O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int media = open(QFile::encodeName(unit.Inside("/run/media")).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     QVERIFY(media >= 0);
     const bool stopped = unit.Stop();
     struct stat info;
@@ -275,118 +193,88 @@ void tLocalVolumesTest::theApplicationsConnection()
     QVERIFY(stillMounted);
 }
 
-void tLocalVolumesTest::restartAdoptsWhatIsMountedAndReportsEachOnce()
+void tLocalVolumesTest::restartsOfLarkdAndOfTheServiceAreFollowed()
 {
-    qputenv("LARKD_UNIT_RESTART", "1");
-    tLarkdUnit unit(E2eUnitFile(), {QStringLiteral("--vfat"), cVfatOptions});
-    QString error;
-    const bool started = unit.Start(&error);
-    qunsetenv("LARKD_UNIT_RESTART");
-    QVERIFY2(started, qPrintable(error));
-
     // Connected as larkd starts, before the service has said where the card
     // is mounted: told of it once, without asking.
+    tLarkdUnit unit(E2eUnitFile(), {"--vfat", cVfatOptions});
+    unit.SetEnvironment("LARKD_UNIT_RESTART", "1");
     tAppConnection early;
-    QVERIFY(early.Connect(unit.Port()));
-    QCOMPARE(Reported(early.TakeArrivals(1)), QStringList{QStringLiteral("+/run/media/CHARTS")});
-    QVERIFY(unit.Insert(QStringLiteral("usb"), QStringLiteral("stick")));
-    QCOMPARE(Reported(early.TakeArrivals(1)), QStringList{QStringLiteral("+/run/media/STICK")});
+    QVERIFY(Boot(unit, early));
+    QVERIFY(unit.Insert("usb", "stick"));
+    QCOMPARE(Reported(early.TakeArrivals(1)), QStringList{"+/run/media/STICK"});
 
     // larkd dies with two volumes mounted; a card goes in while it is down.
     QCOMPARE(::kill(pid_t(unit.LarkdPid()), SIGSTOP), 0);
-    QVERIFY(unit.Insert(QStringLiteral("right"), QStringLiteral("photos")));
-    const int simulatorCallsBefore = unit.Calls().size();
-    const int exportsBefore = unit.Ran(QStringLiteral("exportfs")).size();
+    QVERIFY(unit.Insert("right", "photos"));
+    int simulatorCallsBefore = unit.Calls().size();
+    int exportsBefore = unit.Ran("exportfs").size();
+    QString error;
     QVERIFY2(unit.KillAndAwaitRestart(&error), qPrintable(error));
 
     // The restarted larkd adopts the two volumes, mounts the new card and
     // tells an application connected as it starts of each exactly once.
     tAppConnection app;
     QVERIFY(app.Connect(unit.Port()));
-    QList<QJsonObject> arrivals = app.TakeArrivals(3);
-    QTest::qWait(300);
-    arrivals += app.TakeArrivals(0);
-    QCOMPARE(Reported(arrivals), QStringList({QStringLiteral("+/run/media/CHARTS"), QStringLiteral("+/run/media/PHOTOS"),
-                                              QStringLiteral("+/run/media/STICK")}));
-    for (const QJsonObject& arrival : qAsConst(arrivals)) {
-        if (arrival.value(QStringLiteral("path")) == QJsonValue(QStringLiteral("/run/media/CHARTS")))
-            QCOMPARE(arrival.value(QStringLiteral("friendlyname")), QJsonValue(QStringLiteral("Memory Card - Left")));
-    }
+    QList<QJsonObject> arrivals = Settled(app, 3);
+    QCOMPARE(Reported(arrivals), QStringList({"+/run/media/CHARTS", "+/run/media/PHOTOS", "+/run/media/STICK"}));
+    for (const QJsonObject& arrival : qAsConst(arrivals))
+        QVERIFY(arrival.value("path") != "/run/media/CHARTS" || arrival.value("friendlyname") == "Memory Card - Left");
     // Only the new card is mounted; nothing is unmounted or refused.
     const QStringList simulatorCalls = unit.Calls().mid(simulatorCallsBefore);
-    QCOMPARE(simulatorCalls.filter(QRegularExpression(QStringLiteral("^(Mount|Unmount)"))).size(), 1);
-    QVERIFY2(simulatorCalls.filter(QRegularExpression(QStringLiteral("^Mount mmcblk1p1 /run/media/PHOTOS "))).size() == 1,
+    QVERIFY2(simulatorCalls.filter(QRegularExpression(QStringLiteral("^(Mount|Unmount)"))).size() == 1
+                 && simulatorCalls.filter(QRegularExpression(QStringLiteral("^Mount mmcblk1p1 /run/media/PHOTOS "))).size() == 1,
              qPrintable(simulatorCalls.join('\n')));
-    const auto exports = [&]() { return unit.Ran(QStringLiteral("exportfs")).mid(exportsBefore); };
+    const auto exports = [&] { return unit.Ran("exportfs").mid(exportsBefore); };
     for (const QString& path : {QStringLiteral("CHARTS"), QStringLiteral("STICK"), QStringLiteral("PHOTOS")})
         QTRY_VERIFY2(!exports().filter(QRegularExpression(QStringLiteral("^-o\t.*\t\\*:/run/media/") + path + '$')).isEmpty(),
                      qPrintable(exports().join('\n')));
-    QCOMPARE(LinkTarget(unit.Inside(QStringLiteral("/run/media/Memory Card - 1"))), QStringLiteral("CHARTS"));
-    QCOMPARE(LinkTarget(unit.Inside(QStringLiteral("/run/media/Memory Card - 2"))), QStringLiteral("PHOTOS"));
-    QCOMPARE(LinkTarget(unit.Inside(QStringLiteral("/run/media/USB Memory Card A1"))), QStringLiteral("STICK"));
+    for (const auto& [link, target] : {std::pair{"Memory Card - 1", "CHARTS"}, std::pair{"Memory Card - 2", "PHOTOS"},
+                                       std::pair{"USB Memory Card A1", "STICK"}})
+        QCOMPARE(Link(unit, link), QString(target));
 
     // An adopted volume is larkd's like any other: its removal is followed through.
-    QVERIFY(unit.Remove(QStringLiteral("usb")));
-    QCOMPARE(Reported(app.TakeArrivals(1)), QStringList{QStringLiteral("-/run/media/STICK")});
-    QTRY_VERIFY(unit.Ran(QStringLiteral("exportfs")).contains(QStringLiteral("-u\t*:/run/media/STICK")));
-    QTRY_VERIFY(!QFileInfo(unit.Inside(QStringLiteral("/run/media/USB Memory Card A1"))).isSymLink());
+    QVERIFY(unit.Remove("usb"));
+    QCOMPARE(Reported(app.TakeArrivals(1)), QStringList{"-/run/media/STICK"});
+    QTRY_VERIFY(unit.Ran("exportfs").contains(QStringLiteral("-u\t*:/run/media/STICK")));
+    QTRY_VERIFY(!QFileInfo(unit.Inside("/run/media/USB Memory Card A1")).isSymLink());
 
     // Started while the service is away, larkd takes up what is mounted once it comes.
-    QVERIFY2(unit.Away(&error), qPrintable(error));
-    QVERIFY2(unit.KillAndAwaitRestart(&error), qPrintable(error));
+    QVERIFY2(unit.Away(&error) && unit.KillAndAwaitRestart(&error), qPrintable(error));
     tAppConnection late;
     QVERIFY(late.Connect(unit.Port()));
-    QTest::qWait(200);
-    QCOMPARE(late.TakeArrivals(0).size(), 0);
+    QCOMPARE(Settled(late).size(), 0);
     QVERIFY2(unit.Back(&error), qPrintable(error));
-    arrivals = late.TakeArrivals(2);
-    QTest::qWait(300);
-    arrivals += late.TakeArrivals(0);
-    QCOMPARE(Reported(arrivals), QStringList({QStringLiteral("+/run/media/CHARTS"), QStringLiteral("+/run/media/PHOTOS")}));
-    QVERIFY2(unit.Stop(), unit.Log().constData());
-}
-
-void tLocalVolumesTest::serviceRestartIsFollowed()
-{
-    tLarkdUnit unit(E2eUnitFile(), {});
-    QString error;
-    QVERIFY2(unit.Start(&error), qPrintable(error));
-    tAppConnection app;
-    QVERIFY(app.Connect(unit.Port()));
-    QCOMPARE(Reported(app.TakeArrivals(1)), QStringList{QStringLiteral("+/run/media/CHARTS")});
-    QVERIFY(unit.Insert(QStringLiteral("right"), QStringLiteral("photos")));
-    QCOMPARE(Reported(app.TakeArrivals(1)), QStringList{QStringLiteral("+/run/media/PHOTOS")});
+    arrivals = Settled(late, 2);
+    QCOMPARE(Reported(arrivals), QStringList({"+/run/media/CHARTS", "+/run/media/PHOTOS"}));
 
     // While the service is away a card is pulled and a stick put in: larkd
     // hears nothing, and unmounts nothing.
     QVERIFY2(unit.Away(&error), qPrintable(error));
-    QVERIFY(unit.Remove(QStringLiteral("left")));
-    QVERIFY(unit.Insert(QStringLiteral("usb"), QStringLiteral("stick")));
-    QTest::qWait(300);
-    QCOMPARE(app.TakeArrivals(0).size(), 0);
-    const int simulatorCallsBefore = unit.Calls().size();
-    const int exportsBefore = unit.Ran(QStringLiteral("exportfs")).size();
+    QVERIFY(unit.Remove("left"));
+    QVERIFY(unit.Insert("usb", "stick"));
+    QCOMPARE(Settled(late).size(), 0);
+    simulatorCallsBefore = unit.Calls().size();
+    exportsBefore = unit.Ran("exportfs").size();
 
     // Back: the card is reported gone and unexported, the stick mounted and
     // reported; the card that stayed is neither reported again nor remounted.
     QVERIFY2(unit.Back(&error), qPrintable(error));
-    QList<QJsonObject> arrivals = app.TakeArrivals(2);
-    QTest::qWait(300);
-    arrivals += app.TakeArrivals(0);
-    QCOMPARE(Reported(arrivals), QStringList({QStringLiteral("+/run/media/STICK"), QStringLiteral("-/run/media/CHARTS")}));
-    QTRY_VERIFY(unit.Ran(QStringLiteral("exportfs")).mid(exportsBefore).contains(QStringLiteral("-u\t*:/run/media/CHARTS")));
-    const QStringList exports = unit.Ran(QStringLiteral("exportfs")).mid(exportsBefore);
-    QVERIFY2(exports.filter(QStringLiteral("PHOTOS")).isEmpty(), qPrintable(exports.join('\n')));
-    const QStringList mounts = unit.Calls().mid(simulatorCallsBefore)
-                                   .filter(QRegularExpression(QStringLiteral("^(Mount|Unmount) ")));
+    arrivals = Settled(late, 2);
+    QCOMPARE(Reported(arrivals), QStringList({"+/run/media/STICK", "-/run/media/CHARTS"}));
+    QTRY_VERIFY(exports().contains(QStringLiteral("-u\t*:/run/media/CHARTS")));
+    QVERIFY2(exports().filter(QStringLiteral("PHOTOS")).isEmpty(), qPrintable(exports().join('\n')));
+    const QStringList mounts =
+        unit.Calls().mid(simulatorCallsBefore).filter(QRegularExpression(QStringLiteral("^(Mount|Unmount) ")));
     QVERIFY2(mounts.size() == 1 && mounts.first().startsWith(QStringLiteral("Mount sda1 /run/media/STICK")),
              qPrintable(mounts.join('\n')));
-    QTRY_VERIFY(!QFileInfo(unit.Inside(QStringLiteral("/run/media/Memory Card - 1"))).isSymLink());
-    QCOMPARE(LinkTarget(unit.Inside(QStringLiteral("/run/media/USB Memory Card A1"))), QStringLiteral("STICK"));
+    QTRY_VERIFY(!QFileInfo(unit.Inside("/run/media/Memory Card - 1")).isSymLink());
+    QCOMPARE(Link(unit, "USB Memory Card A1"), QStringLiteral("STICK"));
 
     // The service's signals are followed again.
-    QVERIFY(unit.Remove(QStringLiteral("usb")));
-    QCOMPARE(Reported(app.TakeArrivals(1)), QStringList{QStringLiteral("-/run/media/STICK")});
+    QVERIFY(unit.Remove("usb"));
+    QCOMPARE(Reported(late.TakeArrivals(1)), QStringList{"-/run/media/STICK"});
+    QVERIFY2(unit.Stop(), unit.Log().constData());
 }
 
 LARKD_NAMESPACE_TEST_MAIN(tLocalVolumesTest)

@@ -73,27 +73,18 @@ void tProtocolDocTest::examplesAreWhatLarkdSends()
                                     QStringLiteral("--serial-number-file"), m_Files.filePath("serial")});
     QString error;
     QVERIFY2(unit.Start(&error), qPrintable(error));
-    tAppConnection app;
-    QList<QByteArray> got;
-    auto take = [&app](int count) {
-        QList<QByteArray> documents;
-        QElapsedTimer clock;
-        clock.start();
-        while ((documents += app.TakeDocuments()).size() < count && !clock.hasExpired(10000))
-            QTest::qWait(20);
-        return documents;
-    };
     // The card present at start, then a stick put in and pulled out.
+    tAppConnection app;
     QVERIFY(app.Connect(unit.Port()));
-    got += take(1);
+    QList<QByteArray> got = app.TakeDocuments(1);
     QVERIFY(unit.Insert(QStringLiteral("usb"), QStringLiteral("stick")));
-    got += take(1);
+    got += app.TakeDocuments(1);
     const QByteArray enquiry = requests.value(0);
     QVERIFY2(enquiry.contains("\"enquerydevicelist\""), "the first request example asks for the list");
     app.SendRaw(enquiry + '\0');
-    const QList<QByteArray> listed = take(2);
+    const QList<QByteArray> listed = app.TakeDocuments(2);
     QVERIFY(unit.Remove(QStringLiteral("usb")));
-    got += take(1);
+    got += app.TakeDocuments(1);
     QVERIFY2(got == sent, ("larkd sent:\n" + got.join("----\n")).constData());
     QCOMPARE(listed, sent.mid(0, 2));
 
@@ -105,12 +96,12 @@ void tProtocolDocTest::examplesAreWhatLarkdSends()
     QProcess python;
     python.start(QStringLiteral("python3"), {script.fileName(), QString::number(unit.Port())});
     QByteArray output;
-    QTRY_VERIFY_WITH_TIMEOUT((output += python.readAllStandardOutput()).count('\n') == 1, 10000);
-    QVERIFY(unit.Insert(QStringLiteral("usb"), QStringLiteral("stick")));
-    QTRY_VERIFY_WITH_TIMEOUT((output += python.readAllStandardOutput()).count('\n') == 2, 10000);
-    QVERIFY(unit.Remove(QStringLiteral("usb")));
-    QTRY_VERIFY_WITH_TIMEOUT((output += python.readAllStandardOutput()).count('\n') == 3, 10000);
-    QVERIFY(unit.Stop());
+    auto printed = [&](int lines) {
+        return QTest::qWaitFor([&] { return (output += python.readAllStandardOutput()).count('\n') == lines; }, 10000);
+    };
+    QVERIFY(printed(1) && unit.Insert(QStringLiteral("usb"), QStringLiteral("stick")));
+    QVERIFY(printed(2) && unit.Remove(QStringLiteral("usb")));
+    QVERIFY(printed(3) && unit.Stop());
     QVERIFY(python.waitForFinished(5000));
     output += python.readAllStandardOutput();
     QVERIFY2(python.exitCode() == 0, python.readAllStandardError().constData());

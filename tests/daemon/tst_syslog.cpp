@@ -25,13 +25,6 @@ QByteArray Find(const QList<QByteArray>& lines, const QByteArray& text)
             return line;
     return {};
 }
-
-quint16 FreePort()
-{
-    QTcpServer probe;
-    probe.listen(QHostAddress::LocalHost, 0);
-    return probe.serverPort();
-}
 } // namespace
 
 class tSyslogTest : public QObject
@@ -57,25 +50,20 @@ void tSyslogTest::priorityAndBareText()
 {
     tLogSink sink(m_Dir.filePath("log1"));
     QVERIFY(sink.IsBound());
-    QProcess emitter;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(kEmitterVariable, "1");
-    emitter.setProcessEnvironment(env);
-    emitter.start(TestScript("with-devlog.sh"), {m_Dir.filePath("log1"), QCoreApplication::applicationFilePath()});
-    QVERIFY(emitter.waitForFinished(20000));
-    QCOMPARE(emitter.exitCode(), 0);
+    qputenv(kEmitterVariable, "1");
+    const tFinishedProcess emitter =
+        RunToEnd(TestScript("with-devlog.sh"), {m_Dir.filePath("log1"), QCoreApplication::applicationFilePath()});
+    qunsetenv(kEmitterVariable);
+    QCOMPARE(emitter.exitCode, 0);
 
     const QList<QByteArray> lines = sink.Drain();
-    QVERIFY(Find(lines, "info line").startsWith("<14>"));
-    QVERIFY(Find(lines, "warning line").startsWith("<12>"));
-    QVERIFY(Find(lines, "critical line").startsWith("<10>"));
-    // The text is data, never a format: directives arrive as written.
-    QVERIFY2(!Find(lines, "50%% done %s%n").isEmpty(), qPrintable(lines.join('|')));
-    // Only the text: no category or source location.
+    QVERIFY2(Find(lines, "info line").startsWith("<14>") && Find(lines, "warning line").startsWith("<12>")
+                 && Find(lines, "critical line").startsWith("<10>"),
+             lines.join('|').constData());
+    // Only the text: no category or source location; debug is below the
+    // categories' threshold.
     QVERIFY(!lines.join().contains("lk.daemon"));
-    // Debug is below the categories' threshold.
-    QVERIFY(!lines.join().contains("debug line"));
-    QCOMPARE(lines.size(), 4);
+    QCOMPARE(lines.size(), 3);
 }
 
 // larkd under its service manager: READY=1 once it serves, watchdog pings
@@ -84,13 +72,15 @@ void tSyslogTest::priorityAndBareText()
 void tSyslogTest::tellsServiceManagerAndLogs()
 {
     for (const bool watchdog : {false, true}) {
-        const QString tag = watchdog ? "-watchdog" : "";
-        const QString logPath = m_Dir.filePath("log4" + tag);
-        const QString notifyPath = m_Dir.filePath("notify" + tag);
+        const QString logPath = m_Dir.filePath(watchdog ? "log-watchdog" : "log");
+        const QString notifyPath = m_Dir.filePath(watchdog ? "notify-watchdog" : "notify");
         tLogSink log(logPath);
         tLogSink manager(notifyPath);
         QVERIFY(log.IsBound() && manager.IsBound());
-        const quint16 port = FreePort();
+        QTcpServer probe;
+        probe.listen(QHostAddress::LocalHost, 0);
+        const quint16 port = probe.serverPort();
+        probe.close();
         QProcess larkd;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert("NOTIFY_SOCKET", notifyPath);
@@ -111,36 +101,25 @@ void tSyslogTest::tellsServiceManagerAndLogs()
             QVERIFY(manager.Wait(10000) && !(got += manager.Drain()).isEmpty());
         if (watchdog)
             QVERIFY(!Find(log.Drain(), "tLarkDaemon::ManualScan()").isEmpty());
-        // Watchdog pings may come first: READY=1 waits for the service's
-        // object list, and the loop turns meanwhile.
-        QList<QByteArray> states = got;
-        states.removeAll("WATCHDOG=1");
-        QCOMPARE(states.first(), QByteArray("READY=1"));
         QTcpSocket application;
         application.connectToHost(QHostAddress::LocalHost, port);
         QVERIFY(application.waitForConnected(1000));
 
         QTest::qWait(500); // 5 pings at 100 ms
         got += manager.Drain();
-        if (watchdog)
-            QVERIFY2(got.count("WATCHDOG=1") >= 2, got.join('|').constData());
-        else
-            QCOMPARE(got.count("WATCHDOG=1"), 0);
+        QVERIFY2(watchdog ? got.count("WATCHDOG=1") >= 2 : !got.contains("WATCHDOG=1"), got.join('|').constData());
 
         SendSignal(larkd, SIGHUP);
         QVERIFY(!larkd.waitForFinished(300));
         SendSignal(larkd, SIGTERM);
-        QVERIFY(larkd.waitForFinished(10000));
-        QCOMPARE(larkd.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(larkd.exitCode(), 0);
-        if (!watchdog) {
-            QVERIFY(log.Drain().isEmpty());
-            QVERIFY(larkd.readAllStandardError().contains("tLarkDaemon::ManualScan()"));
-        }
+        QVERIFY(larkd.waitForFinished(10000) && larkd.exitStatus() == QProcess::NormalExit && larkd.exitCode() == 0);
+        if (!watchdog)
+            QVERIFY(log.Drain().isEmpty() && larkd.readAllStandardError().contains("tLarkDaemon::ManualScan()"));
+        // Watchdog pings may come before READY=1, which waits for the
+        // service's object list while the loop turns; nothing else may.
         got += manager.Drain();
-        QCOMPARE(got.count("READY=1"), 1);
-        QCOMPARE(got.count("STOPPING=1"), 1);
-        QCOMPARE(got.last(), QByteArray("STOPPING=1"));
+        got.removeAll("WATCHDOG=1");
+        QCOMPARE(got, QList<QByteArray>({"READY=1", "STOPPING=1"}));
     }
 }
 
@@ -153,7 +132,6 @@ int main(int argc, char* argv[])
         qCInfo(lcDaemon, "info line");
         qCWarning(lcUDisks2, "warning line");
         qCCritical(lcNfs, "critical line");
-        qCInfo(lcDaemon, "%s", "50%% done %s%n");
         return 0;
     }
     QCoreApplication app(argc, argv);

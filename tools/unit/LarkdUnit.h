@@ -10,8 +10,8 @@
 // namespace of its own with the UDisks2 simulator on a private bus, recording
 // stand-ins for exportfs, mount, umount and mountpoint, and the sysfs, /dev
 // and slot file of the device (LARKD_UNIT_SYSFS, set by CTest). Stopped
-// with SIGTERM when the object goes. With LARKD_UNIT_RESTART=1 in the
-// environment at Start(), larkd is restarted whenever it is killed, as its
+// with SIGTERM when the object goes. With LARKD_UNIT_RESTART=1 (see
+// SetEnvironment()), larkd is restarted whenever it is killed, as its
 // service manager does, and Process() is the script that restarts it.
 // Shared by the end-to-end tests and the bench.
 class tLarkdUnit : public tSimulatorControl
