@@ -48,3 +48,11 @@ private:
     QString m_Error;
     int m_HomeFd = -1;
 };
+
+// Skips the test, with the reason, where namespaces cannot be made.
+#define LARKD_REQUIRE_NETNS()                                                                                \
+    do {                                                                                                     \
+        const QString unavailable = tNetnsPair::Unavailable();                                               \
+        if (!unavailable.isEmpty())                                                                          \
+            QSKIP(qPrintable(QStringLiteral("network namespace test: ") + unavailable));                     \
+    } while (false)

@@ -88,9 +88,7 @@ private:
 void tTwoUnitsTest::initTestCase()
 {
     LARKD_REQUIRE_NAMESPACE();
-    const QString unavailable = tNetnsPair::Unavailable();
-    if (!unavailable.isEmpty())
-        QSKIP(qPrintable(QStringLiteral("network namespace test: ") + unavailable));
+    LARKD_REQUIRE_NETNS();
     // The units' mount stand-ins hang or refuse while these files exist.
     m_Hangs = m_Dir.filePath(QStringLiteral("hangs"));
     m_Refused = m_Dir.filePath(QStringLiteral("refused"));

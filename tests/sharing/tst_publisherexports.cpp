@@ -1,5 +1,6 @@
 // The publisher's exportfs commands, recorded by the stand-in exportfs first
 // on PATH (the NFS server cannot run here), and the queue that runs them.
+#include "DaemonProcess.h"
 #include "sharing/CommandQueue.h"
 #include "sharing/ServicePublisher.h"
 
@@ -63,9 +64,7 @@ private slots:
     void initTestCase()
     {
         QVERIFY(m_Dir.isValid());
-        const QString standins = qEnvironmentVariable("LARKD_UNIT_TOOLS") + QStringLiteral("/standins");
-        qputenv("PATH", (standins + QLatin1Char(':') + qEnvironmentVariable("PATH")).toLocal8Bit());
-        qputenv("LARKD_RECORD_FILE", m_Dir.filePath(QStringLiteral("exportfs.calls")).toLocal8Bit());
+        UseStandins(m_Dir.filePath(QStringLiteral("exportfs.calls")));
     }
 
     void exportsFollowSharesAndPeer()

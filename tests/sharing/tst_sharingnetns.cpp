@@ -2,6 +2,7 @@
 // its own network namespace. Unit A announces; this test's thread runs unit
 // B's listeners, which tell the peer by its MAC address in B's ARP table (the
 // configured peer is recognised in tst_twounits; here, the others are not).
+#include "DaemonProcess.h"
 #include "NetnsPair.h"
 #include "sharing/ServiceListener.h"
 #include "sharing/ServicePublisher.h"
@@ -41,12 +42,9 @@ class tSharingNetnsTest : public QObject
 private slots:
     void initTestCase()
     {
-        const QString unavailable = tNetnsPair::Unavailable();
-        if (!unavailable.isEmpty())
-            QSKIP(qPrintable(QStringLiteral("network namespace test: ") + unavailable));
+        LARKD_REQUIRE_NETNS();
         // The exportfs stand-in (the NFS server cannot run here).
-        const QString standins = qEnvironmentVariable("LARKD_UNIT_TOOLS") + QStringLiteral("/standins");
-        qputenv("PATH", (standins + QLatin1Char(':') + qEnvironmentVariable("PATH")).toLocal8Bit());
+        UseStandins(QString());
         m_Pair.reset(new tNetnsPair);
         QVERIFY2(m_Pair->Error().isEmpty(), qPrintable(m_Pair->Error()));
         QVERIFY(m_Pair->Enter(m_Pair->NamespaceB()));

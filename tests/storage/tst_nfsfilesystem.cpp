@@ -4,6 +4,7 @@
 // the two-unit stories do not reach: a remount's check, a refused mount next
 // to a directory that was there before, and a mount past its time-out.
 
+#include "DaemonProcess.h"
 #include "sharing/NfsData.h"
 #include "storage/NfsFileSystem.h"
 
@@ -28,9 +29,7 @@ class tNfsFileSystemTest : public QObject
 private slots:
     void initTestCase()
     {
-        const QString standins = qEnvironmentVariable("LARKD_UNIT_TOOLS") + QStringLiteral("/standins");
-        qputenv("PATH", (standins + QLatin1Char(':') + qEnvironmentVariable("PATH")).toLocal8Bit());
-        qputenv("LARKD_RECORD_FILE", File("calls").toLocal8Bit());
+        UseStandins(File("calls"));
         qputenv("LARKD_MOUNT_REFUSED", File("refused").toLocal8Bit());
         qputenv("LARKD_MOUNT_HANGS", File("hangs").toLocal8Bit());
         qunsetenv("LARKD_STANDIN_TMPFS");

@@ -23,9 +23,7 @@ class tLinuxInterfaceMonitorTest : public QObject
 private slots:
     void followsWatchedInterfacesAndResynchronises()
     {
-        const QString unavailable = tNetnsPair::Unavailable();
-        if (!unavailable.isEmpty())
-            QSKIP(qPrintable(QStringLiteral("network namespace test: ") + unavailable));
+        LARKD_REQUIRE_NETNS();
         tNetnsPair pair;
         QVERIFY2(pair.Error().isEmpty(), qPrintable(pair.Error()));
         QVERIFY(pair.Enter(pair.NamespaceA()));
