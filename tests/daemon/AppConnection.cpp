@@ -77,3 +77,32 @@ QJsonObject AppRequest(const QString& type, const QJsonValue& content)
         message.insert(QStringLiteral("content"), content);
     return QJsonObject{{QStringLiteral("message"), message}};
 }
+
+bool Boot(tLarkdUnit& unit, tAppConnection& app)
+{
+    QString error;
+    if (unit.Start(&error) && app.Connect(unit.Port())
+        && Reported(app.TakeArrivals(1)) == QStringList{QStringLiteral("+/run/media/CHARTS")})
+        return true;
+    qWarning("%s\n%s", qPrintable(error), unit.Log().constData());
+    return false;
+}
+
+QList<QJsonObject> Settled(tAppConnection& app, int count)
+{
+    QList<QJsonObject> arrivals = app.TakeArrivals(count);
+    QTest::qWait(300);
+    return arrivals + app.TakeArrivals(0);
+}
+
+bool Arrived(tAppConnection& app, const QJsonObject& expected, int timeoutMs)
+{
+    const QJsonObject arrival = app.TakeArrivals(1, timeoutMs).value(0);
+    for (auto it = expected.begin(); it != expected.end(); ++it) {
+        if (arrival.value(it.key()) != it.value()) {
+            qWarning("%s", QJsonDocument(arrival).toJson().constData());
+            return false;
+        }
+    }
+    return true;
+}

@@ -37,3 +37,15 @@ QStringList Reported(const QList<QJsonObject>& arrivals);
 
 // The envelope of an application request.
 QJsonObject AppRequest(const QString& type, const QJsonValue& content = QJsonValue::Undefined);
+
+// How most stories begin: the unit up and the application connected, told of
+// the card present at start. On failure the unit's log is printed.
+bool Boot(tLarkdUnit& unit, tAppConnection& app);
+
+// The arrivals of at least count volumes and whatever else comes within
+// 300 ms, so that a volume told twice shows.
+QList<QJsonObject> Settled(tAppConnection& app, int count = 0);
+
+// Takes one arrival and compares the values of the expected keys; on a
+// mismatch the arrival is printed.
+bool Arrived(tAppConnection& app, const QJsonObject& expected, int timeoutMs = 10000);

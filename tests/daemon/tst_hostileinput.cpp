@@ -4,7 +4,7 @@
 // by the project's simulator); the sanitizer build runs the same stories, so
 // a use after free fails there even where it would not crash here.
 
-#include "Stories.h"
+#include "AppConnection.h"
 #include "DaemonProcess.h"
 #include "LogSink.h"
 #include "PrivateMounts.h"

@@ -3,7 +3,7 @@
 // UDisks2 is stood in for by the project's simulator, exportfs by a recording
 // stand-in.
 
-#include "Stories.h"
+#include "AppConnection.h"
 #include "DaemonProcess.h"
 #include "PrivateMounts.h"
 #include "storage/CidWithCrc.h"

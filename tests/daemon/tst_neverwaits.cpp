@@ -5,7 +5,7 @@
 // project's simulator (which can hold a method's answer), exportfs a
 // recording stand-in that can be made to sleep.
 
-#include "Stories.h"
+#include "AppConnection.h"
 #include "PrivateMounts.h"
 
 #include <QElapsedTimer>

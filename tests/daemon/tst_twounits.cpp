@@ -7,7 +7,7 @@
 // mount stand-in that hangs).
 
 #include "DaemonProcess.h"
-#include "Stories.h"
+#include "AppConnection.h"
 #include "NetnsPair.h"
 #include "PrivateMounts.h"
 

@@ -100,15 +100,17 @@ bool tLarkdUnit::Stop()
 
 bool tLarkdUnit::Insert(const QString& slot, const QString& medium, QString* error)
 {
+    // Without LARKD_UNIT_SYSFS (the bench) the unit has no sysfs to write.
     const QString unitSysfs = m_Process.processEnvironment().value(QStringLiteral("LARKD_UNIT_SYSFS"));
-    const tFinishedProcess sysfs = unitSysfs.isEmpty() ? tFinishedProcess{0, QProcess::NormalExit, {}, {}}
-        : RunToEnd(QStringLiteral("nsenter"), {QStringLiteral("--mount"), QStringLiteral("--target"),
-                   QString::number(m_Process.processId()), unitSysfs, QStringLiteral("/sys"), m_UnitFile,
-                   slot + QLatin1Char('=') + medium});
-    if (sysfs.exitCode != 0) {
-        if (error)
-            *error = QString::fromLocal8Bit(sysfs.err);
-        return false;
+    if (!unitSysfs.isEmpty()) {
+        const tFinishedProcess sysfs = RunToEnd(QStringLiteral("nsenter"),
+            {QStringLiteral("--mount"), QStringLiteral("--target"), QString::number(m_Process.processId()), unitSysfs,
+             QStringLiteral("/sys"), m_UnitFile, slot + QLatin1Char('=') + medium});
+        if (sysfs.exitCode != 0) {
+            if (error)
+                *error = QString::fromLocal8Bit(sysfs.err);
+            return false;
+        }
     }
     return tSimulatorControl::Insert(slot, medium, error);
 }
