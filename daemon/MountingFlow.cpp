@@ -153,8 +153,13 @@ void tLarkDaemon::OnFileSystemRemoved(const QString& node)
         RemoveFriendlySymlink(mountPoint, mounted.linkName);
     }
     // Once its unexport has run: the NFS server holds an exported filesystem
-    // busy. The object is gone by then, so the call names the node.
-    m_Publisher->AfterCommands(this, [node] { tUDisks2FileSystem::UnmountNode(node); });
+    // busy. The object is gone by then, so the call names the node. A volume
+    // entered on the node meanwhile (a rescan's, a re-inserted medium's) is
+    // another mount, and stays.
+    m_Publisher->AfterCommands(this, [this, node] {
+        if (!m_FileSystems.contains(node))
+            tUDisks2FileSystem::UnmountNode(node);
+    });
 
     m_MountingFileSystems.remove(fileSystem);
     m_MountedFileSystems.removeAll(fileSystem);

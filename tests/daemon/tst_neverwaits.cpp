@@ -7,9 +7,12 @@
 
 #include "AppConnection.h"
 #include "PrivateMounts.h"
+#include "UnitProcesses.h"
 
 #include <QElapsedTimer>
 #include <QtTest>
+
+#include <csignal>
 
 namespace
 {
@@ -31,6 +34,7 @@ private slots:
     void initTestCase() { LARKD_REQUIRE_NAMESPACE(); }
     void slowMountsHoldNothingUp();
     void slowExportfsHoldsNothingUp();
+    void remountOutlivesQueuedCommands();
 };
 
 void tNeverWaitsTest::slowMountsHoldNothingUp()
@@ -82,6 +86,22 @@ void tNeverWaitsTest::slowExportfsHoldsNothingUp()
     QCOMPARE(unit.Ran(QStringLiteral("exportfs")),
              QStringList({options + "/srv/charts", options + "/run/media/CHARTS", options + "/run/media/PHOTOS",
                           "-u\t*:/run/media/PHOTOS"}));
+}
+
+void tNeverWaitsTest::remountOutlivesQueuedCommands()
+{
+    // SIGUSR2 while the card's export is still queued: the card, mounted
+    // again at once, must stay mounted once the queue has caught up.
+    tLarkdUnit unit(E2eUnitFile(), {});
+    unit.SetEnvironment(QStringLiteral("LARKD_STANDIN_SLEEP"), QStringLiteral("2"));
+    tAppConnection app;
+    QVERIFY(Boot(unit, app));
+    SendSignal(unit.Process(), SIGUSR2);
+    QCOMPARE(Reported(app.TakeArrivals(1)), QStringList{"+/run/media/CHARTS"});
+    QTRY_COMPARE_WITH_TIMEOUT(unit.Ran(QStringLiteral("exportfs")).size(), 2, 10000);
+    QVERIFY2(Settled(app).isEmpty(), "the card was reported gone");
+    const QStringList calls = unit.Calls().filter(QRegularExpression(QStringLiteral("^(Mount|Unmount) ")));
+    QVERIFY2(calls.last().startsWith(QStringLiteral("Mount mmcblk0p1")), qPrintable(calls.join('\n')));
 }
 
 LARKD_NAMESPACE_TEST_MAIN(tNeverWaitsTest)
