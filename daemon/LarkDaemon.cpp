@@ -131,6 +131,7 @@ void tLarkDaemon::SignalHandler(int sigNum)
         break;
     case SIGTERM:
         qCInfo(lcDaemon, "tLarkDaemon::SignalHandler(): Handling SIGTERM");
+        emit Stopping();
         // Exports and unexports already queued still run (an unexport left
         // out would keep a pulled card exported), for at most 7 s.
         if (m_Publisher->CommandsPending()) {

@@ -56,6 +56,8 @@ signals:
     // The volumes present were asked for and those found are being mounted
     // (the start-up scan, or the rescan after SIGUSR2).
     void ScanFinished();
+    // SIGTERM: the daemon is ending, once its queued commands have run.
+    void Stopping();
 
 private slots:
     void OnAppPendingConnection();

@@ -2,7 +2,6 @@
 
 #include "daemon/Logging.h"
 
-#include <QCoreApplication>
 #include <QTimer>
 
 #include <systemd/sd-daemon.h>
@@ -25,12 +24,6 @@ tServiceManagerNotifier::tServiceManagerNotifier(QObject* parent)
         m_Watchdog->start();
         qCInfo(lcDaemon, "tServiceManagerNotifier: watchdog ping every %d ms", periodMs);
     }
-    // Only SIGTERM ends the loop.
-    connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit, this, [this] {
-        Notify("STOPPING=1");
-        if (m_Watchdog)
-            m_Watchdog->stop();
-    });
 }
 
 void tServiceManagerNotifier::Ready()
@@ -39,6 +32,14 @@ void tServiceManagerNotifier::Ready()
         return;
     m_Ready = true;
     Notify("READY=1");
+}
+
+void tServiceManagerNotifier::Stopping()
+{
+    if (m_Stopping)
+        return;
+    m_Stopping = true;
+    Notify("STOPPING=1");
 }
 
 void tServiceManagerNotifier::Notify(const char* state)

@@ -11,12 +11,14 @@ class tServiceManagerNotifier : public QObject
 {
     Q_OBJECT
 public:
-    // Starts the watchdog pings when the service manager asks for them, and
-    // says STOPPING=1 as soon as the event loop has been told to end.
+    // Starts the watchdog pings when the service manager asks for them; they
+    // go on while the loop turns, through a stop's last commands too.
     explicit tServiceManagerNotifier(QObject* parent = nullptr);
 
     // READY=1: the caller has finished starting up. Said once.
     void Ready();
+    // STOPPING=1: the caller has begun to stop. Said once.
+    void Stopping();
 
 private:
     void Notify(const char* state);
@@ -24,4 +26,5 @@ private:
     QTimer* m_Watchdog = nullptr;
     bool m_FailureLogged = false;
     bool m_Ready = false;
+    bool m_Stopping = false;
 };

@@ -32,5 +32,6 @@ int main(int argc, char* argv[])
     // Ready once the daemon listens for the application (it does once
     // constructed) and the start-up scan has found what is present.
     QObject::connect(&daemon, &tLarkDaemon::ScanFinished, &serviceManager, &tServiceManagerNotifier::Ready);
+    QObject::connect(&daemon, &tLarkDaemon::Stopping, &serviceManager, &tServiceManagerNotifier::Stopping);
     return QCoreApplication::exec();
 }

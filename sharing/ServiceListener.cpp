@@ -257,11 +257,12 @@ bool tServiceListener::IsPeer(const QHostAddress& sender)
                 ++it;
         }
     }
+    // Still full: that many senders within one period are spoofed. A new one
+    // waits for room rather than buy another stall.
+    if (m_PeerChecks.size() >= cMaxPeerChecks)
+        return false;
     const bool fromPeer = IsPacketFromPeer(sender);
-    // With only fresh entries left the answer is not kept: such a sender
-    // is checked again, as every sender was before.
-    if (m_PeerChecks.size() < cMaxPeerChecks)
-        m_PeerChecks.insert(address, tPeerCheck{fromPeer, QDeadlineTimer(qMax(m_ExpiryMs, 0))});
+    m_PeerChecks.insert(address, tPeerCheck{fromPeer, QDeadlineTimer(qMax(m_ExpiryMs, 0))});
     return fromPeer;
 }
 
