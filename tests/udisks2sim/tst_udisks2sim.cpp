@@ -1,9 +1,8 @@
-// The UDisks2 simulator as its clients see it, where nothing else looks: a
-// card formatted without a partition table pulled while mounted (the signals
-// as recorded on udisksd 2.9.4, see tSimDevices::CleanUp), and the mounts a
-// slow or busy service answers. Its interfaces and mount answers are held
-// against the real service by tst_udisks2sim_fidelity; partitioned media
-// coming and going, in the order the registry sees them, by tst_udisks2registry.
+// The UDisks2 simulator as its clients see it, where nothing else looks: the
+// signals of media pulled while mounted (as recorded on udisksd 2.9.4, see
+// tSimDevices::CleanUp), and the mounts a slow or busy service answers. Its
+// interfaces and mount answers are held against the real service by
+// tst_udisks2sim_fidelity.
 
 #include "SimulatedUnit.h"
 
@@ -87,25 +86,51 @@ private slots:
     }
     void cleanup() { m_Unit.reset(); }
 
-    // The reader's own block gains and loses the filesystem. The objects go
-    // while the kernel still holds the mount, then a clean-up job removes the
-    // mount directory.
-    void bareCardPulledWhileMounted()
+    // Pulled while mounted: the objects go while the kernel still holds the
+    // mount, then a clean-up job removes the mount directory. The card in an
+    // SD slot and the stick are the sequences recorded on the real service;
+    // a bare card's reader keeps its block, which loses the filesystem.
+    void pulledWhileMounted_data()
     {
-        tSignalLog log(m_Unit->Bus().Connection(), m_Unit->MountBase());
-        QVERIFY(m_Unit->Insert(QStringLiteral("reader"), QStringLiteral("bare-card")));
-        QVERIFY(MountPath(QStringLiteral("sdb")).startsWith(m_Unit->MountBase()));
-        QVERIFY(m_Unit->Remove(QStringLiteral("reader")));
+        QTest::addColumn<QString>("slot");
+        QTest::addColumn<QString>("medium");
+        QTest::addColumn<QString>("node");
+        QTest::addColumn<QStringList>("heard");
+        const QStringList job{"added 0 Job", "completed 0 true", "removed 0 Job"};
+        const QString card = QStringLiteral("SD16G_0x1a2b3c4d");
+        QTest::newRow("card in a slot") << "left" << "charts" << "mmcblk0p1"
+            << QStringList{"added " + card + " Drive", "added mmcblk0 Block,PartitionTable",
+                           "added mmcblk0p1 Block,Filesystem,Partition", "changed mmcblk0p1 Filesystem MountPoints",
+                           "removed mmcblk0p1 Filesystem,Partition,Block", "removed mmcblk0 PartitionTable,Block",
+                           "removed " + card + " Drive"} + job;
+        const QString stick = QStringLiteral("SanDisk_Cruzer_Blade_4C530001220528115343");
+        QTest::newRow("stick") << "usb" << "stick" << "sda1"
+            << QStringList{"added " + stick + " Drive", "added sda Block,PartitionTable",
+                           "added sda1 Block,Filesystem,Partition", "changed sda1 Filesystem MountPoints",
+                           "removed sda1 Filesystem,Partition,Block", "removed sda PartitionTable,Block",
+                           "removed " + stick + " Drive"} + job;
         const QString reader = QStringLiteral("changed Generic_Ultra_Fast_Media_000000264001 Drive ");
-        QTRY_COMPARE(log.lines,
-                     (QStringList{ reader + "Media,MediaAvailable,Size,TimeMediaDetected",
-                                   "changed sdb Block Id,IdLabel,IdType,IdUUID,IdUsage,IdVersion,ReadOnly,Size,Symlinks",
-                                   "added sdb Filesystem", "changed sdb Filesystem MountPoints", "changed sdb Block Size",
-                                   reader + "Media,MediaAvailable,Size", "removed sdb Filesystem",
-                                   "changed sdb Block Id,IdLabel,IdType,IdUUID,IdUsage,IdVersion,Symlinks", "added 0 Job",
-                                   "completed 0 true", "removed 0 Job" }));
+        QTest::newRow("bare card in a reader") << "reader" << "bare-card" << "sdb"
+            << QStringList{reader + "Media,MediaAvailable,Size,TimeMediaDetected",
+                           "changed sdb Block Id,IdLabel,IdType,IdUUID,IdUsage,IdVersion,ReadOnly,Size,Symlinks",
+                           "added sdb Filesystem", "changed sdb Filesystem MountPoints", "changed sdb Block Size",
+                           reader + "Media,MediaAvailable,Size", "removed sdb Filesystem",
+                           "changed sdb Block Id,IdLabel,IdType,IdUUID,IdUsage,IdVersion,Symlinks"} + job;
+    }
+    void pulledWhileMounted()
+    {
+        QFETCH(QString, slot);
+        QFETCH(QString, medium);
+        QFETCH(QString, node);
+        QFETCH(QStringList, heard);
+        tSignalLog log(m_Unit->Bus().Connection(), m_Unit->MountBase());
+        QVERIFY(m_Unit->Insert(slot, medium));
+        QVERIFY(MountPath(node).startsWith(m_Unit->MountBase()));
+        QVERIFY(m_Unit->Remove(slot));
+        QTRY_COMPARE(log.lines, heard);
         // From the mount until the job the mount directory was there; then it is gone.
-        QVERIFY(!log.directoryThere.mid(3, 5).contains(false));
+        const int mounted = heard.indexOf(QStringLiteral("changed %1 Filesystem MountPoints").arg(node));
+        QVERIFY(!log.directoryThere.mid(mounted, heard.size() - 3 - mounted).contains(false));
         QVERIFY(QDir(m_Unit->MountBase()).isEmpty());
     }
 
