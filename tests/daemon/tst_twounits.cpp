@@ -8,6 +8,7 @@
 
 #include "DaemonProcess.h"
 #include "AppConnection.h"
+#include "LogSink.h"
 #include "NetnsPair.h"
 #include "PrivateMounts.h"
 
@@ -73,11 +74,13 @@ private:
     bool StartUnits(bool unitBWatchesEth0 = false);
     // What B's application is told, as Reported() gives it.
     QStringList HeardB(int count = 1, int timeoutMs = 10000) { return Reported(m_AppB->TakeArrivals(count, timeoutMs)); }
-    QByteArray Logs() { return m_UnitA->Log() + "\n=====B\n" + m_UnitB->Log(); }
+    QByteArray Logs() { return m_UnitA->Log() + "\n=====B\n" + m_SyslogB->Drain().join('\n'); }
 
     std::unique_ptr<tNetnsPair> m_Pair;
     std::unique_ptr<tLarkdUnit> m_UnitA;
     std::unique_ptr<tLarkdUnit> m_UnitB;
+    // B logs as on a unit, to syslog: peer share paths reach it as text.
+    std::unique_ptr<tLogSink> m_SyslogB;
     std::unique_ptr<tAppConnection> m_AppA;
     std::unique_ptr<tAppConnection> m_AppB;
     QTemporaryDir m_Dir;
@@ -114,6 +117,7 @@ void tTwoUnitsTest::cleanup()
     m_AppB.reset();
     m_UnitA.reset();
     m_UnitB.reset();
+    m_SyslogB.reset();
     m_Pair.reset();
     QFile::remove(m_Hangs);
     QFile::remove(m_Refused);
@@ -131,6 +135,11 @@ bool tTwoUnitsTest::StartUnits(bool unitBWatchesEth0)
     m_UnitA.reset(new tLarkdUnit(E2eUnitFile(), expiry + optionsA, cApplicationPort));
     m_UnitB.reset(new tLarkdUnit(m_Dir.filePath("no-media.json"), expiry + optionsB + QStringList{"--nfs-root", cNfsRoot},
                                  cApplicationPort));
+    const QString syslog = m_Dir.filePath(QStringLiteral("syslog-b"));
+    QFile::remove(syslog);
+    m_SyslogB.reset(new tLogSink(syslog));
+    m_SyslogB->ReadInBackground();
+    m_UnitB->SetEnvironment(QStringLiteral("LARKD_UNIT_SYSLOG"), syslog);
     m_AppA.reset(new tAppConnection);
     m_AppB.reset(new tAppConnection);
     // The units' processes and the applications' sockets live in their namespaces.
@@ -200,13 +209,15 @@ void tTwoUnitsTest::peerCardsComeAndGo()
     QCOMPARE(m_UnitB->Ran("mount").value(3), MountCall("MAPS", cMapsDir, "ro"));
 
     // A stick whose label is a string of printf directives: its share's path
-    // reaches B's log as text, through mount and unmount.
+    // reaches B's syslog as text, through mount and unmount.
     const QString directives = QStringLiteral("169.254.10.1:-run-media-X%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%n");
     QVERIFY(m_UnitA->Insert("usb", "directives"));
     QCOMPARE(HeardB(), Came("/mnt/" + directives));
     QVERIFY(m_UnitA->Remove("usb"));
     QCOMPARE(HeardB(), Went("/mnt/" + directives));
-    QTRY_VERIFY(m_UnitB->Log().contains("unmounted " + (cNfsRoot + '/' + directives).toUtf8()));
+    const QByteArray unmounted = "unmounted " + (cNfsRoot + '/' + directives).toUtf8();
+    QByteArray logB;
+    QTRY_VERIFY((logB += m_SyslogB->Drain().join('\n'), logB.contains(unmounted)));
 
     // Pulled on A: the application is told at once, while umount may still run.
     QVERIFY(m_UnitA->Remove("left"));
