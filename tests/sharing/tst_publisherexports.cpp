@@ -175,10 +175,16 @@ private slots:
         QVERIFY2(waited >= 3000 && waited < 4500, qPrintable(QString::number(waited)));
         QCOMPARE(Calls(true).mid(before), QStringList{Export("ro", "*:/b")});
 
-        // Stopped again with nothing announced, there is nothing to wait for.
+        // Stopped again with nothing announced, there is nothing to wait for:
+        // whether sharing is off, or on with no share to withdraw.
         QVERIFY(Settle(publisher));
         publisher.Stop();
         QVERIFY(!publisher.CommandsPending());
+        tServicePublisher idle{QString()};
+        idle.SetRmtabPath(rmtab);
+        idle.Start(QStringLiteral("lo"), QHostAddress(QHostAddress::LocalHost));
+        idle.Stop();
+        QVERIFY(!idle.CommandsPending());
     }
 
 private:
