@@ -87,14 +87,14 @@ say "Starting the simulated unit: private bus, UDisks2 simulator, larkd on 127.0
 echo "   Unit description: $unit"
 echo "   Lines from larkd's log start with 'larkd |', messages to the display application with 'app   |'."
 echo "   larkd options: $*"
-echo "   Laid out as on the device: /run/corvex_platform/config names the SD slots, sysfs carries each card's identity:"
-echo "      sd_slots=left,/dev/disk/by-path/platform-slot0:right,/dev/disk/by-path/platform-slot1"
 mkdir "$state/unit" "$state/peer"
 QT_LOGGING_RULES=${QT_LOGGING_RULES:-lk.daemon.debug=true} LARKD_BINARY=$build/daemon/larkd UDISKS2_SIM_BINARY=$sim \
     LARKD_UNIT_SYSFS=$sysfs ip netns exec "${netns[0]}" "$root/tools/unit/larkd-unit.sh" "$state/unit" "$unit" --port "$port" "$@" \
     > >(sed -u 's/^/   larkd | /') 2>&1 &
 larkd_pid=$!
 unit_started "$larkd_pid" "$state/unit" "${netns[0]}"
+echo "   Laid out as on the device: /run/corvex_platform/config names the SD slots, sysfs carries each card's identity:"
+sed 's/^/      /' "/proc/$larkd_pid/root/run/corvex_platform/config"
 
 say "Starting a second unit, the peer, on the other end of the cable: eth0 at ${address[1]}, no card"
 echo "   Its log goes to a file; what its display application hears starts with 'peer  |'."
