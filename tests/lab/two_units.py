@@ -8,6 +8,7 @@ part: multicast and NFS (through the udp->tcp mount wrapper) across the link.
 
 import os
 import sys
+import time
 
 sys.dont_write_bytecode = True  # nothing written into the source tree
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools", "lab"))
@@ -63,6 +64,16 @@ def main(build_dir):
             ub.wait_volume(lambda v: is_removal(v) and v["path"] == remote["path"],
                            "the removal of A's card", timeout=60)
             ub.wait_unmounted(source)
+        with times.step("stays gone"):
+            # Two expiry periods: neither exported nor announced by A, the
+            # card is not mounted on B again.
+            time.sleep(8)
+            card_path = source.split(":", 1)[1]
+            expect(card_path not in ua.exports(), "A still exports its pulled card:\n" + ua.exports())
+            expect(ub.mount_of(source) is None, "B mounted A's pulled card again")
+            later = [arrival(m) for m in ub.messages()[ub.seen:]]
+            expect(not [v for v in later if v is not None and not is_removal(v)],
+                   "B was told of a volume after the card was pulled: %s" % later)
     log("two units passed: %s" % times)
 
 
