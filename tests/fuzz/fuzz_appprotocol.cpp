@@ -1,18 +1,67 @@
-// Whatever a local program writes to the application port: the byte stream
-// is split into messages across several reads, each message is decoded.
-#include "daemon/AppRequest.h"
-#include "daemon/MessageFramer.h"
+// Whatever a local program writes to the application port, read by larkd
+// itself: one daemon, with no UDisks2 to ask and no program to run, takes
+// each input over a connection of its own, in several writes that it reads
+// one at a time, and acts on every request it holds.
+#include "daemon/DaemonConfig.h"
+#include "daemon/LarkDaemon.h"
+
+#include <QCoreApplication>
+#include <QTcpServer>
+#include <QTcpSocket>
+
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 
-// The JSON parser sets up some state of its own once, on first use, which the
-// leak check would otherwise charge to whichever input came first.
-extern "C" int LLVMFuzzerInitialize(int*, char***)
+namespace
 {
-    for (const char* message : {"{", "{\"message\":{`", "{\"message\":[1,", "\"\\u12", "x", "{\"message\":{}}"})
-        ParseAppRequest(QByteArray(message));
+quint16 g_Port = 0;
+
+// The daemon sweeps /run/media: that of a private mount namespace, not the machine's.
+bool PrivateRun()
+{
+    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0
+           && mount("tmpfs", "/run", "tmpfs", 0, nullptr) == 0 && mkdir("/run/media", 0755) == 0;
+}
+
+quint16 FreePort()
+{
+    QTcpServer probe;
+    return probe.listen(QHostAddress::LocalHost, 0) ? probe.serverPort() : 0;
+}
+
+// What the daemon's loop would do next: the sockets are ready at once on
+// loopback. Finished clients' sockets are freed as the loop would free them.
+void Turn()
+{
+    for (int i = 0; i < 3; ++i)
+        QCoreApplication::processEvents();
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+}
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
+{
+    if (!PrivateRun()) {
+        std::fprintf(stderr, "fuzz_appprotocol: a private mount namespace needs root; not run\n");
+        std::exit(77);
+    }
+    // UDisks2 calls fail at once; exportfs and mount are never found.
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+    setenv("PATH", "/nonexistent", 1);
+    static QCoreApplication app(*argc, *argv);
+    tDaemonConfig config;
+    config.port = g_Port = FreePort();
+    config.disableSyslog = true;
+    // The application names the sharing interface, and may let peer shares go.
+    config.twoWayConnection = true;
+    static tLarkDaemon daemon(config);
+    Turn();
     return 0;
 }
 
@@ -20,23 +69,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size == 0)
         return 0;
-    // The first byte chooses the read size, so messages straddle reads.
-    const size_t chunk = size_t(data[0]) % 64 + 1;
+    QTcpSocket client;
+    client.connectToHost(QHostAddress::LocalHost, g_Port);
+    if (!client.waitForConnected(1000))
+        std::abort();
+    Turn();
+    // The first byte chooses the write size, so messages straddle reads.
+    const qint64 chunk = data[0] % 64 + 1;
     const char* bytes = reinterpret_cast<const char*>(data + 1);
-    size_t left = size - 1;
-    tMessageFramer framer;
+    qint64 left = qint64(size) - 1;
     while (left > 0) {
-        const size_t now = left < chunk ? left : chunk;
-        framer.Feed(
-            bytes, qint64(now),
-            [](const QByteArray& message) {
-                if (message.size() > tMessageFramer::cMaxMessageBytes || message.contains('\0'))
-                    std::abort();
-                ParseAppRequest(message);
-            },
-            [] {});
+        const qint64 now = qMin(left, chunk);
+        client.write(bytes, now);
+        client.waitForBytesWritten(1000);
+        Turn();
         bytes += now;
         left -= now;
     }
+    client.disconnectFromHost();
+    Turn();
     return 0;
 }
