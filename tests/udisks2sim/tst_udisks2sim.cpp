@@ -97,18 +97,19 @@ private slots:
         QTest::addColumn<QString>("node");
         QTest::addColumn<QStringList>("heard");
         const QStringList job{"added 0 Job", "completed 0 true", "removed 0 Job"};
-        const QString card = QStringLiteral("SD16G_0x1a2b3c4d");
+        // A medium with a partition table: drive, disk and partition come,
+        // and go the other way round with nothing changed on the way.
+        const auto partitioned = [&job](const QString& drive, const QString& disk, const QString& partition) {
+            return QStringList{"added " + drive + " Drive", "added " + disk + " Block,PartitionTable",
+                               "added " + partition + " Block,Filesystem,Partition",
+                               "changed " + partition + " Filesystem MountPoints",
+                               "removed " + partition + " Filesystem,Partition,Block",
+                               "removed " + disk + " PartitionTable,Block", "removed " + drive + " Drive"} + job;
+        };
         QTest::newRow("card in a slot") << "left" << "charts" << "mmcblk0p1"
-            << QStringList{"added " + card + " Drive", "added mmcblk0 Block,PartitionTable",
-                           "added mmcblk0p1 Block,Filesystem,Partition", "changed mmcblk0p1 Filesystem MountPoints",
-                           "removed mmcblk0p1 Filesystem,Partition,Block", "removed mmcblk0 PartitionTable,Block",
-                           "removed " + card + " Drive"} + job;
-        const QString stick = QStringLiteral("SanDisk_Cruzer_Blade_4C530001220528115343");
+                                        << partitioned("SD16G_0x1a2b3c4d", "mmcblk0", "mmcblk0p1");
         QTest::newRow("stick") << "usb" << "stick" << "sda1"
-            << QStringList{"added " + stick + " Drive", "added sda Block,PartitionTable",
-                           "added sda1 Block,Filesystem,Partition", "changed sda1 Filesystem MountPoints",
-                           "removed sda1 Filesystem,Partition,Block", "removed sda PartitionTable,Block",
-                           "removed " + stick + " Drive"} + job;
+                               << partitioned("SanDisk_Cruzer_Blade_4C530001220528115343", "sda", "sda1");
         const QString reader = QStringLiteral("changed Generic_Ultra_Fast_Media_000000264001 Drive ");
         QTest::newRow("bare card in a reader") << "reader" << "bare-card" << "sdb"
             << QStringList{reader + "Media,MediaAvailable,Size,TimeMediaDetected",
