@@ -54,7 +54,7 @@ echo "== lab: scenarios in virtual machines (tests/lab)"
 # does not count against the first scenario's time limit.
 if [ "$(id -u)" -eq 0 ] && command -v mmdebstrap >/dev/null; then
     start=$SECONDS
-    image=$("$root/tools/lab/build-image.sh") || status=1
+    image=$(python3 "$root/tools/lab/lab.py" image) || status=1
     echo "lab: machine image ${image:-not built} ready in $((SECONDS - start)) s"
 fi
 # Verbose: the scenarios print their timings, and the reason when a machine

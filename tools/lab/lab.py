@@ -415,3 +415,13 @@ class Machine:
     def insert_stick(self):
         self.monitor("drive_add 0 if=none,id=usb0,format=raw,file=" + self.usb)
         self.monitor("device_add " + self._usb_device())
+
+
+if __name__ == "__main__":
+    # `lab.py image`: the test command builds the image before the scenarios,
+    # through the same check of what the builder printed.
+    if sys.argv[1:] != ["image"]:
+        raise SystemExit("usage: lab.py image")
+    with contextlib.redirect_stdout(sys.stderr):
+        image = image_dir()
+    print(image)
