@@ -36,6 +36,7 @@ private slots:
     void initTestCase();
     void cardsAndSticksComeAndGo();
     void theApplicationsConnection();
+    void manyVolumesAtBootEachReportedOnce();
     void restartsOfLarkdAndOfTheServiceAreFollowed();
 
 private:
@@ -191,6 +192,28 @@ void tLocalVolumesTest::theApplicationsConnection()
     close(media);
     QVERIFY2(stopped, unit.Log().constData());
     QVERIFY(stillMounted);
+}
+
+void tLocalVolumesTest::manyVolumesAtBootEachReportedOnce()
+{
+    // 25 sticks present at start and an application that connects the moment
+    // larkd listens, before their mounts are answered: each is reported as
+    // its mount comes, once. A later connection hears of all 25 at once.
+    const QString unitFile = m_Files.filePath(QStringLiteral("sticks.json"));
+    QFile file(unitFile);
+    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(UnitWithSticks(25)) > 0);
+    file.close();
+    tLarkdUnit unit(unitFile, {"--disable-chart-sharing"});
+    tAppConnection app;
+    QString error;
+    QVERIFY2(unit.Start(&error) && app.Connect(unit.Port()), qPrintable(error));
+    QStringList volumes;
+    for (int i = 1; i <= 25; ++i)
+        volumes << QStringLiteral("+/run/media/VOL%1").arg(i, 2, 10, QLatin1Char('0'));
+    QCOMPARE(Reported(Settled(app, 25)), volumes);
+    tAppConnection later;
+    QVERIFY(later.Connect(unit.Port()));
+    QCOMPARE(Reported(Settled(later, 25)), volumes);
 }
 
 void tLocalVolumesTest::restartsOfLarkdAndOfTheServiceAreFollowed()

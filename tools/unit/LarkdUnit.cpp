@@ -6,6 +6,8 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
 #include <QTcpServer>
 #include <QTest>
 #include <QThread>
@@ -192,4 +194,40 @@ bool tLarkdUnit::KillAndAwaitRestart(QString* error)
 QString tLarkdUnit::Inside(const QString& path) const
 {
     return QStringLiteral("/proc/%1/root%2").arg(m_Process.processId()).arg(path);
+}
+
+// The sticks' disks are named as the kernel names the first SCSI disks
+// (sda..sdz, sdaa..), with their device numbers.
+QByteArray UnitWithSticks(int count)
+{
+    QJsonArray slotList, media, present;
+    for (int i = 0; i < count; ++i) {
+        QString device = QStringLiteral("sd");
+        if (i >= 26)
+            device += QLatin1Char(char('a' + i / 26 - 1));
+        device += QLatin1Char(char('a' + i % 26));
+        const int major = i < 16 ? 8 : 65 + (i - 16) / 16;
+        const int minor = (i < 16 ? i : (i - 16) % 16) * 16;
+        const QString slot = QStringLiteral("usb%1").arg(i);
+        const QString medium = QStringLiteral("stick%1").arg(i);
+        slotList << QJsonObject{{QStringLiteral("name"), slot},
+                             {QStringLiteral("bus"), QStringLiteral("usb")},
+                             {QStringLiteral("device"), device},
+                             {QStringLiteral("deviceNumber"), QStringLiteral("%1:%2").arg(major).arg(minor)}};
+        media << QJsonObject{
+            {QStringLiteral("name"), medium},
+            {QStringLiteral("vendor"), QStringLiteral("Bench")},
+            {QStringLiteral("model"), QStringLiteral("Stick")},
+            {QStringLiteral("serial"), QStringLiteral("%1").arg(i + 1, 12, 10, QLatin1Char('0'))},
+            {QStringLiteral("size"), 8004304896.0},
+            {QStringLiteral("partitions"),
+             QJsonArray{QJsonObject{{QStringLiteral("type"), QStringLiteral("vfat")},
+                                    {QStringLiteral("label"), QStringLiteral("VOL%1").arg(i + 1, 2, 10, QLatin1Char('0'))},
+                                    {QStringLiteral("uuid"), QStringLiteral("BE%1-0001").arg(i + 1, 2, 16, QLatin1Char('0')).toUpper()}}}}};
+        present << QJsonObject{{QStringLiteral("slot"), slot}, {QStringLiteral("medium"), medium}};
+    }
+    return QJsonDocument(QJsonObject{{QStringLiteral("slots"), slotList},
+                                     {QStringLiteral("media"), media},
+                                     {QStringLiteral("present"), present}})
+        .toJson();
 }

@@ -64,3 +64,7 @@ private:
     QString m_BusName;
     QByteArray m_Log;
 };
+
+// A unit description with count USB sticks present at start, one vfat
+// partition each, labelled VOL01, VOL02, ...
+QByteArray UnitWithSticks(int count);
