@@ -2,17 +2,15 @@
 // itself: one daemon, with no UDisks2 to ask and no program to run, takes
 // each input over a connection of its own, in several writes that it reads
 // one at a time, and acts on every request it holds.
+#include "LarkdUnit.h"
+#include "PrivateMounts.h"
 #include "daemon/DaemonConfig.h"
 #include "daemon/LarkDaemon.h"
 
 #include <QCoreApplication>
+#include <QHostAddress>
 #include <QLoggingCategory>
-#include <QTcpServer>
 #include <QTcpSocket>
-
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -22,19 +20,6 @@
 namespace
 {
 quint16 g_Port = 0;
-
-// The daemon sweeps /run/media: that of a private mount namespace, not the machine's.
-bool PrivateRun()
-{
-    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0
-           && mount("tmpfs", "/run", "tmpfs", 0, nullptr) == 0 && mkdir("/run/media", 0755) == 0;
-}
-
-quint16 FreePort()
-{
-    QTcpServer probe;
-    return probe.listen(QHostAddress::LocalHost, 0) ? probe.serverPort() : 0;
-}
 
 // What the daemon's loop would do next: the sockets are ready at once on
 // loopback. Finished clients' sockets are freed as the loop would free them.
@@ -48,8 +33,9 @@ void Turn()
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
 {
-    if (!PrivateRun()) {
-        std::fprintf(stderr, "fuzz_appprotocol: a private mount namespace needs root; not run\n");
+    // The daemon sweeps /run/media: that of a private mount namespace, not the machine's.
+    if (!EnterPrivateMountNamespace() || !MountTmpfs(QStringLiteral("/run/media"))) {
+        std::fprintf(stderr, "fuzz_appprotocol: not run: %s\n", qPrintable(PrivateMountNamespaceUnavailable()));
         std::exit(77);
     }
     // UDisks2 calls fail at once; exportfs and mount are never found.

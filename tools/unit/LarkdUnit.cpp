@@ -14,9 +14,6 @@
 
 #include <csignal>
 
-namespace
-{
-// A port nobody listens on right now.
 quint16 FreePort()
 {
     QTcpServer probe;
@@ -24,6 +21,8 @@ quint16 FreePort()
     return probe.serverPort();
 }
 
+namespace
+{
 bool Accepts(quint16 port)
 {
     QTcpSocket probe;

@@ -65,6 +65,9 @@ private:
     QByteArray m_Log;
 };
 
+// A port on 127.0.0.1 nobody listens on right now.
+quint16 FreePort();
+
 // A unit description with count USB sticks present at start, one vfat
 // partition each, labelled VOL01, VOL02, ...
 QByteArray UnitWithSticks(int count);
